@@ -1,0 +1,45 @@
+// Process entry: one argument, the maximal stream-buffer size in bytes.
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+#include "main/webserver.h"
+#include "util/log.h"
+
+namespace {
+
+// Every connection and every upstream transfer holds a descriptor; allow as many as the
+// system lets this process have.
+void raise_descriptor_limit() {
+  rlimit lim{};
+  if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+    lim.rlim_cur = lim.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &lim);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A write to a client or upstream that has gone must fail with EPIPE, not end the process.
+  std::signal(SIGPIPE, SIG_IGN);
+  raise_descriptor_limit();
+
+  if (argc < 2) {
+    skerir::log_err("Specify maximal buffer size");
+    return 2;
+  }
+  // No validation by design: "abc" gives 0 and a negative number wraps to a huge size.
+  const unsigned long max_buffer_size = static_cast<unsigned long>(std::atol(argv[1]));
+
+  auto server = std::make_unique<skerir::Webserver>(0, skerir::kListenPort,
+                                                    skerir::kListenBacklog, max_buffer_size);
+  try {
+    server->serve_forever();
+  } catch (const skerir::ListenerError& e) {
+    skerir::log_err(e.what());
+  }
+  return 0;
+}
