@@ -15,9 +15,9 @@ Response::Response(int socket, int code, std::string message, std::string conten
       content_type_(std::move(content_type)) {}
 
 std::string Response::header_block() const {
-  return compose("HTTP/1.0 ", code_, " ", message_, "\r\n", "Content-Type: ", content_type_,
-                 "\r\n", "Connection: close\r\n", "Allow: GET, HEAD\r\n",
-                 "Cache-Control: no-cache\r\n", "Access-Control-Allow-Origin: *\r\n", "\r\n");
+  return compose("HTTP/1.0 ", code_, " ", message_, "\r\n", "Content-Type: ", content_type_, "\r\n",
+                 "Connection: close\r\n", "Allow: GET, HEAD\r\n", "Cache-Control: no-cache\r\n",
+                 "Access-Control-Allow-Origin: *\r\n", "\r\n");
 }
 
 void Response::send() {

@@ -34,8 +34,8 @@ int main(int argc, char** argv) {
   // No validation by design: "abc" gives 0 and a negative number wraps to a huge size.
   const unsigned long max_buffer_size = static_cast<unsigned long>(std::atol(argv[1]));
 
-  auto server = std::make_unique<skerir::Webserver>(0, skerir::kListenPort,
-                                                    skerir::kListenBacklog, max_buffer_size);
+  auto server = std::make_unique<skerir::Webserver>(0, skerir::kListenPort, skerir::kListenBacklog,
+                                                    max_buffer_size);
   try {
     server->serve_forever();
   } catch (const skerir::ListenerError& e) {

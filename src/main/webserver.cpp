@@ -68,7 +68,7 @@ bool accept_error_is_transient(int err) {
 }  // namespace
 
 void Webserver::serve_forever() {
-  do_bind();  // before any shared object exists
+  if (listen_socket < 0) do_bind();  // before any shared object exists
   const timeval client_timeout{kClientTimeoutSeconds, 0};
   stats_.zero();
   watchdog_ = std::make_unique<Watchdog>();

@@ -33,8 +33,9 @@ class Webserver {
   // Creates, configures, binds and listens. Throws ListenerError.
   void do_bind();
 
-  // Binds, creates the shared objects, then accepts for ever. Leaves only by throwing
-  // ListenerError, or, once request_stop() was called, by returning within about a second.
+  // Binds (unless do_bind() already ran), creates the shared objects, then accepts for ever. Leaves
+  // only by throwing ListenerError, or, once request_stop() was called, by returning within about a
+  // second.
   void serve_forever();
 
   // Hands an accepted socket to a new Request thread. Returns the thread-creation result; on
