@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,7 +17,17 @@
 namespace skerir {
 
 Webserver::Webserver(unsigned int addr, int p, int bl, unsigned long max_buffer)
-    : address(addr), port(p), backlog(bl), max_buffer_size(max_buffer) {}
+    : address(addr),
+      port(p),
+      backlog(bl),
+      max_buffer_size(max_buffer),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void Webserver::request_stop() {
+  stop_.store(true);
+  const uint64_t one = 1;
+  [[maybe_unused]] ssize_t n = ::write(wake_.get(), &one, sizeof(one));
+}
 
 Webserver::~Webserver() {
   if (listen_socket >= 0) ::close(listen_socket);
@@ -72,11 +83,12 @@ void Webserver::serve_forever() {
   const timeval client_timeout{kClientTimeoutSeconds, 0};
   stats_.zero();
   watchdog_ = std::make_unique<Watchdog>();
+  serving_.store(true);
 
   while (!stop_.load()) {
     watchdog_->check();
-    pollfd pfd{listen_socket, POLLIN, 0};
-    if (::poll(&pfd, 1, kAcceptWaitMs) <= 0 || !(pfd.revents & POLLIN)) continue;
+    pollfd pfds[2] = {{listen_socket, POLLIN, 0}, {wake_.get(), POLLIN, 0}};
+    if (::poll(pfds, 2, kAcceptWaitMs) <= 0 || !(pfds[0].revents & POLLIN)) continue;
 
     const int client = ::accept(listen_socket, nullptr, nullptr);
     if (client < 0) {

@@ -11,6 +11,7 @@
 
 #include "resources/resource_stats.h"
 #include "resources/watchdog.h"
+#include "util/unique_fd.h"
 
 namespace skerir {
 
@@ -42,13 +43,16 @@ class Webserver {
   // failure the socket is closed and the Request freed here.
   int process_request(int socket, Stats* stats, Watchdog* watchdog);
 
-  // Lets serve_forever return at its next turn. For in-process tests; any thread may call it.
-  void request_stop() { stop_.store(true); }
+  // Makes serve_forever return promptly. For in-process tests; any thread may call it.
+  void request_stop();
 
   // The port actually bound (useful when constructed with port 0). Valid after do_bind().
   int bound_port() const;
 
   Stats& stats() { return stats_; }
+
+  // True once serve_forever has created the shared objects and entered its accept loop.
+  bool serving() const { return serving_.load(); }
 
   unsigned int address;
   int port;
@@ -62,6 +66,8 @@ class Webserver {
   Stats stats_;
   std::unique_ptr<Watchdog> watchdog_;
   std::atomic<bool> stop_{false};
+  UniqueFd wake_;  // eventfd that interrupts the accept wait on request_stop()
+  std::atomic<bool> serving_{false};
 };
 
 }  // namespace skerir

@@ -39,6 +39,7 @@ TestServer::TestServer(unsigned long max_buffer_size) {
     } catch (const std::exception&) {
     }
   });
+  while (!server_->serving()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 TestServer::~TestServer() {
@@ -90,6 +91,7 @@ std::string exchange(int port, const std::string& request, std::chrono::millisec
     if (w <= 0) break;
     sent += static_cast<size_t>(w);
   }
+  ::shutdown(fd, SHUT_WR);  // the request is complete; an empty one means "connect and close"
   std::string reply;
   read_until_close(fd, &reply, timeout);
   ::close(fd);

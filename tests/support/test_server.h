@@ -30,7 +30,8 @@ class TestServer {
 // Connects to 127.0.0.1:port; returns the descriptor or -1.
 int connect_loopback(int port);
 
-// Sends `request` and reads until the server closes the connection or `timeout` passes.
+// Sends `request`, closes the sending side and reads until the server closes the connection or
+// `timeout` passes.
 std::string exchange(int port, const std::string& request,
                      std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
