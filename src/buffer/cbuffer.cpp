@@ -111,7 +111,9 @@ uint64_t CBuffer::write_get_available_newblock(char** out) {
 
 void CBuffer::write_notify_written(unsigned long n) {
   CBlock* b = writable_;
-  if (b == nullptr || n == 0) return;  // nothing handed out, or nothing to commit
+  // Nothing handed out, nothing to commit, or the block was released under the writer (see
+  // writable_block).
+  if (b == nullptr || n == 0 || last.load(std::memory_order_acquire) == nullptr) return;
   const uint64_t wp = b->write_pos.load(std::memory_order_relaxed);
   const uint64_t cap = b->capacity.load(std::memory_order_relaxed);
   const uint64_t count = std::min<uint64_t>(n, cap - wp);

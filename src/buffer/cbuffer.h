@@ -14,7 +14,8 @@
 //
 // The buffer sets no limit on its size; the filler compares `size` with its own limit. A failed
 // block allocation logs "CBUFF: Unable to allocate mem for cblock data" and throws
-// std::bad_alloc from the writer call, leaving the chain as it was, so only that stream ends.
+// std::bad_alloc from the writer call with the chain consistent (bytes already placed stay
+// readable), so only that stream ends.
 //
 // Writer calls: write, write_get_available, write_get_available_newblock,
 // write_notify_written, new_block. Reader calls: read_get_available, read_notify_read, read,
