@@ -8,6 +8,7 @@
 #include "main/response.h"
 #include "resources/resource_stats.h"
 #include "resources/resource_stream.h"
+#include "resources/resource_updatecachemap.h"
 #include "resources/watchdog.h"
 #include "util/log.h"
 #include "util/strings.h"
@@ -58,6 +59,11 @@ void Request::route() {
     } else {
       serve_stream();
     }
+  } else if (resource == "/update-cache-map") {
+    // HEAD updates too: the method is not looked at on this path.
+    std::string* chunk = get_param("chunk");
+    std::string* playlist = get_param("playlist");
+    ResourceUpdateCacheMap(socket, chunk, playlist).serve();
   } else if (resource == "/stats.json") {
     if (head) {
       reply_header_only(200, "OK", "application/json");

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "cachemap/cachemap.h"
 #include "main/request.h"
 #include "util/log.h"
 
@@ -83,6 +84,7 @@ void Webserver::serve_forever() {
   const timeval client_timeout{kClientTimeoutSeconds, 0};
   stats_.zero();
   watchdog_ = std::make_unique<Watchdog>();
+  create_cache_maps();  // shared by every listener of the process, created once
   serving_.store(true);
 
   while (!stop_.load()) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/sanitizers.h"
 #include "support/test_server.h"
 
 namespace skerir {
@@ -118,8 +119,15 @@ TEST_F(FrontEnd, ServesPastThousandOpenConnections) {
   }
   if (lim.rlim_cur < 2400) GTEST_SKIP() << "descriptor limit too low: " << lim.rlim_cur;
 
+  // Under sanitizers the accept loop is too slow for a backlog of 5 and connects back off for
+  // seconds; there, spare descriptors push the server's sockets past 1023 instead.
+  std::vector<int> spare;
+  if (test::kSanitized) {
+    for (int i = 0; i < 1050; ++i) spare.push_back(::dup(0));
+  }
+  const int connections = test::kSanitized ? 60 : 1100;
   std::vector<int> idle;
-  for (int i = 0; i < 1100; ++i) {
+  for (int i = 0; i < connections; ++i) {
     const int fd = test::connect_loopback(port());
     ASSERT_GE(fd, 0) << "connection " << i;
     idle.push_back(fd);
@@ -128,6 +136,7 @@ TEST_F(FrontEnd, ServesPastThousandOpenConnections) {
   EXPECT_EQ(exchange(port(), "HEAD /stats.json HTTP/1.1\r\n\r\n"),
             header_block("200 OK", "application/json"));
   for (int fd : idle) ::close(fd);
+  for (int fd : spare) ::close(fd);
 }
 
 }  // namespace
