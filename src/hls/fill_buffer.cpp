@@ -52,8 +52,7 @@ bool MasterPlaylist::fill_buffer() {
   refresh_countdown = static_cast<int32_t>(target_duration * kRefreshShare);
 
   log_out("start from: ", startFrom);
-  const int64_t skip =
-      startFrom >= 0 ? startFrom : static_cast<int64_t>(chunks.size()) + startFrom;
+  const int64_t skip = startFrom >= 0 ? startFrom : static_cast<int64_t>(chunks.size()) + startFrom;
   startFrom = 0;  // only the first pass of a stream skips
   log_out("searching for new chunks (last seq got ", last_seq, ")");
 

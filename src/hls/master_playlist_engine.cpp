@@ -119,6 +119,8 @@ void MasterPlaylist::sleep_unless_finishing(std::chrono::milliseconds duration) 
   wake.wait_for(lock, duration, [this] { return should_finish.load(); });
 }
 
+MasterPlaylist::~MasterPlaylist() { finish(); }
+
 void MasterPlaylist::finish() {
   {
     std::lock_guard lock(wake_mutex);

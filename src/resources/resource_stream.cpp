@@ -39,8 +39,7 @@ void ResourceStream::serve() {
   bool started = false;
   try {
     if (url_ != nullptr) {
-      mpl = std::make_unique<MasterPlaylist>(*url_, &buffer, max_buffer_size_, stats_,
-                                             startFrom_);
+      mpl = std::make_unique<MasterPlaylist>(*url_, &buffer, max_buffer_size_, stats_, startFrom_);
       started = mpl->start_refreshing();
     }
   } catch (const std::exception& e) {

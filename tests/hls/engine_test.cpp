@@ -51,7 +51,8 @@ TEST_F(EngineTest, FullBufferPausesDownloadsAndTheQueuedPlaylistIsReused) {
   ASSERT_TRUE(log.wait_for("buffer is full - not downloading more chunks ...", 60s));
   // Three segments of 100 KiB reach the 250 KiB limit; the pass stops with the rest queued
   // and waits 0.65 x 2 s before the next refresh, which reuses the queue.
-  ASSERT_TRUE(log.wait_for("Chunklist: Using cached playlist (still got 7 chunks in advance)", 60s));
+  ASSERT_TRUE(
+      log.wait_for("Chunklist: Using cached playlist (still got 7 chunks in advance)", 60s));
   EXPECT_GE(log.count("not yet refresh time: 1"), 1u);
   EXPECT_EQ(buffer.size.load(), 3u * 100 * 1024);
   EXPECT_EQ(origin.request_count(p.playlist_path(0)), 1u);
@@ -98,9 +99,9 @@ TEST_F(EngineTest, FinishJoinsEveryThreadWhateverTheEngineIsDoing) {
     CBuffer b;
     MasterPlaylist mpl(origin.url(p.master_path()), &b, 1 << 20, &stats, 0);
     ASSERT_TRUE(mpl.start_refreshing());
-    const std::string events[] = {
-        "refresh timer called", "getting chunk from " + origin.url(p.segment_path(0, 2)),
-        "chunk get from " + origin.url(p.segment_path(0, 2)) + " FAILED"};
+    const std::string events[] = {"refresh timer called",
+                                  "getting chunk from " + origin.url(p.segment_path(0, 2)),
+                                  "chunk get from " + origin.url(p.segment_path(0, 2)) + " FAILED"};
     ASSERT_TRUE(LogCapture::instance().wait_for(events[waited_events], 60s));
     const auto start = std::chrono::steady_clock::now();
     mpl.finish();  // must return: the transfer watches should_finish, the pauses wake on it

@@ -39,15 +39,15 @@ std::string url_encode(const std::string& text) {
 }
 
 std::string media_playlist(const ScriptedOrigin& origin, const MediaPlaylistSpec& spec) {
-  std::string text = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:" +
-                     std::to_string(spec.target_duration) + "\n#EXT-X-MEDIA-SEQUENCE:" +
-                     std::to_string(spec.media_sequence) + "\n";
+  std::string text =
+      "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:" + std::to_string(spec.target_duration) +
+      "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(spec.media_sequence) + "\n";
   std::string key_in_force;
   for (const SegmentSpec& s : spec.segments) {
     if (s.key_path != key_in_force) {
-      text += s.key_path.empty() ? "#EXT-X-KEY:METHOD=NONE\n"
-                                 : "#EXT-X-KEY:METHOD=AES-128,URI=\"" + origin.url(s.key_path) +
-                                       "\"\n";
+      text += s.key_path.empty()
+                  ? "#EXT-X-KEY:METHOD=NONE\n"
+                  : "#EXT-X-KEY:METHOD=AES-128,URI=\"" + origin.url(s.key_path) + "\"\n";
       key_in_force = s.key_path;
     }
     text += "#EXTINF:" + std::to_string(spec.target_duration) + ".0,\n" + origin.url(s.path) + "\n";
