@@ -91,7 +91,9 @@ fi
 # After the exec below, $$ is nginx's master; the watcher outlives the script's own shell and
 # holds none of its output descriptors, so readers of nginx's output see its end at once.
 script_pid=$$
+# It ignores the hang-up and interrupt that a closing terminal or Ctrl-C sends to the group.
 (
+  trap '' HUP INT
   while kill -0 "$script_pid" 2>/dev/null; do sleep 1; done
   rm -rf "$tmp"
 ) </dev/null >/dev/null 2>&1 &
