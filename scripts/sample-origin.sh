@@ -5,10 +5,11 @@
 # (pid file, error log and every temp path live there, so it runs as root or not, without
 # /var/lib/nginx). HTTP/1.1 keep-alive and sendfile as a real origin would; no access log.
 #
-# Usage: scripts/sample-origin.sh [--port PORT] [--root DIR]
+# Usage: scripts/sample-origin.sh [--port PORT] [--root DIR] [--rate BYTES]
 #   --port  listen on 127.0.0.1:PORT (default 7780, the port written into the sample playlists;
 #           other ports serve the cache-placeholder playlists, which name no port)
 #   --root  directory to serve (default sample/ of this tree)
+#   --rate  send at most BYTES per second per connection (a slow origin; default unlimited)
 #
 # The script becomes the nginx master process (exec), so its pid takes nginx's signals:
 # SIGTERM or SIGINT stop at once; SIGQUIT stops gracefully (requests in flight are finished,
@@ -19,11 +20,13 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 port=7780
 root="$here/sample"
+rate=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --port) port=$2; shift 2 ;;
     --root) root=$(cd "$2" && pwd); shift 2 ;;
-    *) echo "usage: $0 [--port PORT] [--root DIR]" >&2; exit 2 ;;
+    --rate) rate=$2; shift 2 ;;
+    *) echo "usage: $0 [--port PORT] [--root DIR] [--rate BYTES]" >&2; exit 2 ;;
   esac
 done
 
@@ -68,6 +71,7 @@ http {
   keepalive_timeout 65;
   keepalive_requests 10000;
   etag off;
+  limit_rate $rate;
 
   client_body_temp_path $tmp/client_body;
   proxy_temp_path $tmp/proxy;
