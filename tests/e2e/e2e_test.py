@@ -30,6 +30,7 @@ import time
 import urllib.parse
 import zlib
 
+sys.dont_write_bytecode = True  # keep the source tree clean
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import media_check as mc  # noqa: E402
@@ -47,9 +48,10 @@ LIVE_WINDOW = 6
 # A live pull of 20 s gets the first window at once and about one segment per 2 s after it;
 # fewer than this many whole segments means skerir did not follow the moving playlist.
 LIVE_MIN_SEGMENTS = LIVE_WINDOW + 3
-# Bytes per second each cache server sends: slow enough that a 15-segment stream takes several
-# seconds, so that a server can be stopped while the stream is surely still running.
-CACHE_RATE = 65536
+# Bytes per second each cache server sends (nginx sends the first second's worth at once): a
+# segment of the lowest variant (about 36 KB) takes more than a second, so the 15-segment
+# stream is surely still running when the server in use is stopped after the first segment.
+CACHE_RATE = 16384
 STREAM_DEADLINE = 240.0
 SKIP_STATUS = 77
 
@@ -121,6 +123,11 @@ class Bench:
         return p
 
     def stop_skerir(self, p):
+        """Stops a skerir that must still be running: one that exited by itself crashed."""
+        if not p.running():
+            p.wait_exit(10)
+            raise Failure("skerir exited by itself (status %s) during the test\n%s"
+                          % (p.proc.returncode, p.tail()))
         p.stop()
         # The next skerir binds the same port; make sure this one has let go of it.
         deadline = time.monotonic() + 30
@@ -168,7 +175,6 @@ def run_vod(bench, kind):
         skerir.wait_for(r"^got chunk \(seq %d\) " % SAMPLE_LENGTH, "out", timeout=30)
     finally:
         bench.stop_skerir(skerir)
-    bench.save(kind + ".body.ts", body)
     delivery = mc.match_delivery(body, mc.delivered_chunks(skerir.lines("out")), bench.catalogue,
                                  live=False)
     mc.check_vod_sequence(delivery, SAMPLE_LENGTH)

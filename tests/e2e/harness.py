@@ -26,14 +26,22 @@ class Skip(Exception):
     """The build under test lacks a feature the test needs; the test cannot say pass or fail."""
 
 
+def _load_prctl():
+    try:
+        return ctypes.CDLL(None, use_errno=True).prctl
+    except (OSError, AttributeError):
+        return None
+
+
+# Looked up here, in the parent: the child between fork and exec must not load libraries.
+_PRCTL = _load_prctl()
+_PR_SET_PDEATHSIG = 1
+
+
 def _die_with_parent():
     # A test runner that kills the test on its time-out must not leave servers behind.
-    try:
-        libc = ctypes.CDLL(None, use_errno=True)
-        pr_set_pdeathsig = 1
-        libc.prctl(pr_set_pdeathsig, signal.SIGTERM)
-    except (OSError, AttributeError):
-        pass
+    if _PRCTL is not None:
+        _PRCTL(_PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
 class Process:
@@ -147,7 +155,12 @@ class Processes:
         self.all = []
 
     def start(self, name, argv, cwd=None):
-        p = Process(name, argv, cwd)
+        taken = {p.name for p in self.all}
+        unique, n = name, 1
+        while unique in taken:  # names become log file names
+            n += 1
+            unique = "%s-%d" % (name, n)
+        p = Process(unique, argv, cwd)
         self.all.append(p)
         return p
 
