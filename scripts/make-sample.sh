@@ -35,7 +35,10 @@ readonly VARIANTS=(
 readonly AUDIO_BITRATE=48000
 
 for tool in ffmpeg openssl; do
-  command -v "$tool" >/dev/null || { echo "make-sample: $tool missing (run scripts/setup.sh media)" >&2; exit 1; }
+  if ! command -v "$tool" >/dev/null; then
+    echo "make-sample: $tool missing (run scripts/setup.sh media)" >&2
+    exit 1
+  fi
 done
 
 work=$(mktemp -d)
@@ -58,7 +61,8 @@ media_playlist() {
   # skerir reads the key URL from "URI=" to the end of the line, so URI must come last. It
   # decrypts with a zero IV, hence no IV attribute here.
   [ -n "$key_url" ] && echo "#EXT-X-KEY:METHOD=AES-128,URI=\"${key_url}\""
-  awk -v prefix="$prefix" '/^#EXTINF:/ { print; next } /^seg_[0-9]+\.ts$/ { print prefix $0 }' "$src"
+  awk -v prefix="$prefix" \
+    '/^#EXTINF:/ { print; next } /^seg_[0-9]+\.ts$/ { print prefix $0 }' "$src"
   echo "#EXT-X-ENDLIST"
 }
 

@@ -53,11 +53,14 @@ for port in $SAMPLE_PORT $LIVE_PORT $SKERIR_PORT; do
 done
 
 # The cache-map sample resolves "@" and "~" through skerir's maps: point both at the origin.
-curl -s -o /dev/null "http://127.0.0.1:$SKERIR_PORT/update-cache-map?chunk=127.0.0.1:$SAMPLE_PORT&playlist=127.0.0.1:$SAMPLE_PORT" || true
+origin="127.0.0.1:$SAMPLE_PORT"
+curl -s -o /dev/null \
+  "http://127.0.0.1:$SKERIR_PORT/update-cache-map?chunk=$origin&playlist=$origin" || true
 
-stream_url() {
-  python3 -c 'import sys, urllib.parse; print("http://127.0.0.1:%s/stream?url=%s" % (sys.argv[1], urllib.parse.quote(sys.argv[2], safe="")))' \
-    "$SKERIR_PORT" "$1"
+stream_url() {  # stream_url <master playlist URL>
+  local encoded
+  encoded=$(python3 -c 'import sys, urllib.parse as u; print(u.quote(sys.argv[1], safe=""))' "$1")
+  echo "http://127.0.0.1:$SKERIR_PORT/stream?url=$encoded"
 }
 cat <<EOF
 

@@ -31,12 +31,12 @@ while [ $# -gt 0 ]; do
 done
 
 nginx_bin=$(command -v nginx || echo /usr/sbin/nginx)
-[ -x "$nginx_bin" ] || { echo "sample-origin: nginx missing (run scripts/setup.sh media)" >&2; exit 1; }
-[ -d "$root/vod" ] || { echo "sample-origin: no sample in $root (run scripts/make-sample.sh)" >&2; exit 1; }
+fail() { echo "sample-origin: $*" >&2; exit 1; }
+[ -x "$nginx_bin" ] || fail "nginx missing (run scripts/setup.sh media)"
+[ -d "$root/vod" ] || fail "no sample in $root (run scripts/make-sample.sh)"
 
 if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
-  echo "sample-origin: 127.0.0.1:$port is already in use; stop whatever listens there" >&2
-  exit 1
+  fail "127.0.0.1:$port is already in use; stop whatever listens there"
 fi
 
 tmp=$(mktemp -d -t skerir-origin.XXXXXX)
