@@ -320,6 +320,7 @@ def scenario_cache(bench, results):
 
 
 def scenario_harness(bench, results):
+    check_playlists()
     check_sample(bench)
     check_origins(bench)
     check_checks(bench)
@@ -360,6 +361,44 @@ def check_sample(bench):
     if count != 3 * SAMPLE_LENGTH:
         raise Failure("found %d encrypted segments, expected %d" % (count, 3 * SAMPLE_LENGTH))
     log("  sample: %d encrypted segments decrypt to their clear twins" % count)
+
+
+def check_playlists():
+    """The sample's playlists fit the way skerir reads them: it takes every line of a master
+    playlist other than a stream-info line for a variant URI, resolves no relative URI, never
+    fetches a segment numbered 0, and reads a key URL up to the end of its line."""
+    for kind in ("clear", "aes", "cache"):
+        root = os.path.join(SAMPLE_DIR, "vod", kind)
+        with open(os.path.join(root, "master.m3u8"), encoding="utf-8") as f:
+            text = f.read()
+        lines = text.split("\n")[:-1]
+        info, uris = lines[1::2], lines[2::2]
+        if not text.endswith("\n") or lines[0] != "#EXTM3U" or len(info) != 3 or \
+                len(uris) != 3 or any(not l.startswith("#EXT-X-STREAM-INF:BANDWIDTH=")
+                                      for l in info) or \
+                any(not u.startswith("http://") for u in uris):
+            raise Failure("vod/%s/master.m3u8 is not #EXTM3U and three stream-info and absolute "
+                          "URI line pairs:\n%s" % (kind, text))
+        for n in (1, 2, 3):
+            path = os.path.join(root, "v%d.m3u8" % n)
+            with open(path, encoding="utf-8") as f:
+                lines = f.read().split("\n")[:-1]
+            keys = [l for l in lines if l.startswith("#EXT-X-KEY:")]
+            problems = [
+                ("no blank line", "" not in lines),
+                ("sequence from 1", "#EXT-X-MEDIA-SEQUENCE:1" in lines),
+                ("end mark last", lines[-1] == "#EXT-X-ENDLIST"),
+                ("absolute URIs", all(l.startswith("http://") for l in lines
+                                      if not l.startswith("#"))),
+                ("one key tag with URI last" if kind == "aes" else "no key tag",
+                 (len(keys) == 1 and keys[0].endswith('"') and ",URI=\"" in keys[0]
+                  and "IV=" not in keys[0]) if kind == "aes" else not keys),
+            ]
+            failed = [what for what, ok in problems if not ok]
+            if failed:
+                raise Failure("%s breaks: %s" % (path, ", ".join(failed)))
+    log("  playlists: masters hold only stream-info and URI lines; media playlists are "
+        "absolute, numbered from 1, ended, keyed as skerir reads them")
 
 
 def fetch(port, path):
