@@ -42,6 +42,12 @@ fi
 tmp=$(mktemp -d -t skerir-origin.XXXXXX)
 chmod 755 "$tmp"  # nginx workers may run as another user and still need their temp paths
 
+# With a rate limit nginx sends one piece, then waits for as long as the piece is worth; cap the
+# piece at a quarter second's worth so that the data trickles instead of coming in bursts a
+# second apart (a client waiting 2 s for the next bytes would give up).
+chunk_line=""
+[ "$rate" -gt 0 ] && chunk_line="sendfile_max_chunk $(( rate / 4 > 1024 ? rate / 4 : 1024 ));"
+
 # As root, nginx would switch its workers to "nobody"; keep the caller's user so that the
 # sample is readable whatever its permissions.
 user_line=""
@@ -72,6 +78,7 @@ http {
   keepalive_requests 10000;
   etag off;
   limit_rate $rate;
+  $chunk_line
 
   client_body_temp_path $tmp/client_body;
   proxy_temp_path $tmp/proxy;

@@ -48,10 +48,12 @@ LIVE_WINDOW = 6
 # A live pull of 20 s gets the first window at once and about one segment per 2 s after it;
 # fewer than this many whole segments means skerir did not follow the moving playlist.
 LIVE_MIN_SEGMENTS = LIVE_WINDOW + 3
-# Bytes per second each cache server sends (nginx sends the first second's worth at once): a
-# segment of the lowest variant (about 36 KB) takes more than a second, so the 15-segment
-# stream is surely still running when the server in use is stopped after the first segment.
-CACHE_RATE = 16384
+# Bytes per second each cache server sends, in quarter-second pieces: a segment of the lowest
+# variant (about 35 KB) takes a second, so the 15-segment stream is surely still running when
+# the server in use is stopped after the first segment, while the pauses stay far below the
+# 2 s after which skerir would give up on a transfer, and the speed (about 270 kbit/s) above
+# the half of the lowest variant's bitrate under which it would count a sudden drop.
+CACHE_RATE = 32768
 STREAM_DEADLINE = 240.0
 SKIP_STATUS = 77
 
@@ -176,7 +178,7 @@ def run_vod(bench, kind):
     finally:
         bench.stop_skerir(skerir)
     delivery = mc.match_delivery(body, mc.delivered_chunks(skerir.lines("out")), bench.catalogue,
-                                 live=False)
+                                 live=False, resumed=mc.resume_points(skerir.lines("err")))
     mc.check_vod_sequence(delivery, SAMPLE_LENGTH)
     for line in mc.check_media(body, delivery, bench.workdir, kind, live=False):
         log("  " + line)
@@ -221,7 +223,7 @@ def scenario_live(bench, results):
         bench.stop_skerir(skerir)
     bench.save("live.body.ts", body)
     delivery = mc.match_delivery(body, mc.delivered_chunks(skerir.lines("out")), bench.catalogue,
-                                 live=True)
+                                 live=True, resumed=mc.resume_points(skerir.lines("err")))
     mc.check_live_sequence(delivery, LIVE_MIN_SEGMENTS)
     for line in mc.check_media(body, delivery, bench.workdir, "live", live=True):
         log("  " + line)
@@ -311,7 +313,8 @@ def scenario_cache(bench, results):
     if not switched:
         raise Failure("after the invalidation skerir never selected %s" % other)
 
-    delivery = mc.match_delivery(body, mc.delivered_chunks(out), bench.catalogue, live=False)
+    delivery = mc.match_delivery(body, mc.delivered_chunks(out), bench.catalogue, live=False,
+                                 resumed=mc.resume_points(skerir.lines("err")))
     mc.check_vod_sequence(delivery, SAMPLE_LENGTH)
     for line in mc.check_media(body, delivery, bench.workdir, "cache", live=False):
         log("  " + line)
@@ -540,6 +543,10 @@ def check_checks(bench):
     reasons.append(expect_failure(
         "a logged size that differs from the origin's",
         lambda: mc.match_delivery(body_of(good), mc.delivered_chunks(lines), cat, live=False)))
+    # ... unless skerir said it resumed that transfer 16 bytes in.
+    retry = ["retry chunk get from %s starting from byte 16" % mc.delivered_chunks(lines)[3].url]
+    mc.match_delivery(body_of(good), mc.delivered_chunks(lines), cat, live=False,
+                      resumed=mc.resume_points(retry))
 
     # Live: a looping window that wraps from segment 15 to 1, cut off inside a segment.
     loop = [cat.segments("clear", "v2")[(n - 1) % SAMPLE_LENGTH] for n in range(11, 21)]

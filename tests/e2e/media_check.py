@@ -45,6 +45,20 @@ class Chunk:
         return "Chunk(%d, %s, %d)" % (self.seq, self.url, self.size)
 
 
+RETRY_LINE = re.compile(r"^retry chunk get from (\S+) starting from byte (\d+)$")
+
+
+def resume_points(err_lines):
+    """{url: {byte offsets}} of the transfers skerir resumed with a Range request. A resumed
+    segment is logged with the size of its last request only: the whole less the offset."""
+    points = {}
+    for line in err_lines:
+        m = RETRY_LINE.match(line)
+        if m and int(m.group(2)) > 0:
+            points.setdefault(m.group(1), set()).add(int(m.group(2)))
+    return points
+
+
 def delivered_chunks(lines):
     chunks = []
     for line in lines:
@@ -147,10 +161,12 @@ class Delivery:
         return sum(seg.duration for _, seg, _ in self.items)
 
 
-def match_delivery(body, chunks, catalogue, live):
+def match_delivery(body, chunks, catalogue, live, resumed=None):
     """Matches the output against the logged chunks. VOD (live=False): the output must be the
     chunks exactly, nothing more. Live: the client hangs up at some point, so the output may end
-    inside a segment, and chunks logged after that point never reached it."""
+    inside a segment, and chunks logged after that point never reached it. `resumed` is what
+    resume_points() found in skerir's error log."""
+    resumed = resumed or {}
     delivery = Delivery()
     pos = 0
     for chunk in chunks:
@@ -167,7 +183,8 @@ def match_delivery(body, chunks, catalogue, live):
             raise Failure("output bytes from %d on are not %s (seq %d): first difference at "
                           "byte %d of the segment (%d of %d segment bytes present)"
                           % (pos, seg.clear_path, chunk.seq, at, len(piece), len(data)))
-        if chunk.size != seg.served_size():
+        sizes = {seg.served_size()} | {seg.served_size() - p for p in resumed.get(chunk.url, ())}
+        if chunk.size not in sizes:
             raise Failure("skerir logged %d bytes for seq %d from %s; the origin serves %d"
                           % (chunk.size, chunk.seq, chunk.url, seg.served_size()))
         delivery.items.append((chunk, seg, pos))
