@@ -8,15 +8,16 @@ advance one segment per target duration and loop the presentation's segments for
 The live playlists name the VOD playlists' absolute segment (and key) URLs, so the segments
 themselves come from the sample origin (scripts/sample-origin.sh). Media sequence numbers start
 at 1 when this server starts and grow by one per target duration; sequence n plays segment
-((n - 1) mod count) of the VOD list, and all variants share the numbering, so a variant switch
-continues where the last one stopped. A looped segment repeats its timestamps: a player sees
-a jump back to the start at every loop, and the playlist marks it with #EXT-X-DISCONTINUITY
-(skerir ignores the tag; whoever checks the output's timestamps must cut it at the wrap).
+((n - 1 + offset) mod count) of the VOD list, and all variants share the numbering, so a
+variant switch continues where the last one stopped. A looped segment repeats its timestamps:
+a player sees a jump back to the start at every loop, and the playlist marks it with
+#EXT-X-DISCONTINUITY (skerir ignores the tag; whoever checks the output's timestamps must cut
+it at the wrap).
 
 HTTP/1.1 with Content-Length and keep-alive. Python standard library only.
 
 Usage: scripts/live-origin.py [--port 7781] [--sample DIR] [--presentation vod/clear]
-                              [--window 6]
+                              [--window 6] [--offset 0]
 --port 0 picks a free port; the first line on standard output names the master URL either way.
 """
 
@@ -90,7 +91,7 @@ class LiveClock:
         return 1 + int((time.monotonic() - self.start) // self.step)
 
 
-def media_playlist(variant, first_seq, window):
+def media_playlist(variant, first_seq, window, offset):
     out = [
         "#EXTM3U",
         "#EXT-X-VERSION:3",
@@ -101,7 +102,7 @@ def media_playlist(variant, first_seq, window):
         out.append(variant.key_line)
     count = len(variant.segments)
     for seq in range(first_seq, first_seq + window):
-        index = (seq - 1) % count
+        index = (seq - 1 + offset) % count
         if index == 0 and seq > 1:
             out.append("#EXT-X-DISCONTINUITY")
         extinf, uri = variant.segments[index]
@@ -138,7 +139,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             name = path[len("/live/"):-len(".m3u8")]
             variant = srv.by_name.get(name)
             if variant:
-                body = media_playlist(variant, srv.clock.first_sequence(), srv.window)
+                body = media_playlist(variant, srv.clock.first_sequence(), srv.window,
+                                      srv.offset)
         if body is None:
             payload = b"not found\n"
             self.send_response(404)
@@ -170,6 +172,8 @@ def main():
     ap.add_argument("--sample", default=os.path.join(here, "..", "sample"))
     ap.add_argument("--presentation", default="vod/clear")
     ap.add_argument("--window", type=int, default=DEFAULT_WINDOW)
+    ap.add_argument("--offset", type=int, default=0,
+                    help="segment (from 0) that sequence number 1 plays")
     ap.add_argument("--verbose", action="store_true", help="log every request on stderr")
     args = ap.parse_args()
 
@@ -186,6 +190,7 @@ def main():
     server.by_name = {v.name: v for v in variants}
     server.base_url = "http://127.0.0.1:%d" % port
     server.window = args.window
+    server.offset = args.offset
     server.verbose = args.verbose
     server.clock = LiveClock(variants[0].target_duration)
     print("live-origin: %s/live/master.m3u8 (%d variants, %d segments looped, window %d)"

@@ -45,6 +45,10 @@ BUFFER_BYTES = 16 * 1024 * 1024
 SAMPLE_LENGTH = 15  # segments per variant
 LIVE_SECONDS = 20
 LIVE_WINDOW = 6
+# The live loop starts with the presentation's last window, so the first new segment wraps
+# around to the start: the pull always crosses a loop (a timestamp discontinuity, which skerir
+# must pass through untouched) and the checks cut the output there.
+LIVE_OFFSET = SAMPLE_LENGTH - LIVE_WINDOW
 # A live pull of 20 s gets the first window at once and about one segment per 2 s after it;
 # fewer than this many whole segments means skerir did not follow the moving playlist.
 LIVE_MIN_SEGMENTS = LIVE_WINDOW + 3
@@ -113,7 +117,8 @@ class Bench:
     def live_origin(self):
         p = self.procs.start("live-origin", [sys.executable,
                                              os.path.join(REPO, "scripts", "live-origin.py"),
-                                             "--port", "0", "--window", str(LIVE_WINDOW)])
+                                             "--port", "0", "--window", str(LIVE_WINDOW),
+                                             "--offset", str(LIVE_OFFSET)])
         _, m = p.wait_for(r"^live-origin: (http://127\.0\.0\.1:(\d+)/live/master\.m3u8)", "out")
         wait_port(int(m.group(2)), p)
         return p, m.group(1)
