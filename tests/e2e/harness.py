@@ -22,10 +22,6 @@ class Failure(Exception):
     """A check failed; the message says what was expected and what came instead."""
 
 
-class Skip(Exception):
-    """The build under test lacks a feature the test needs; the test cannot say pass or fail."""
-
-
 def _load_prctl():
     try:
         return ctypes.CDLL(None, use_errno=True).prctl
