@@ -546,4 +546,33 @@ RefusingPort::RefusingPort() {
 
 RefusingPort::~RefusingPort() { ::close(fd_); }
 
+UnansweredPort::UnansweredPort() {
+  UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(sa);
+  if (!listener.valid() ||
+      ::bind(listener.get(), reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
+      ::listen(listener.get(), 0) != 0 ||
+      ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
+    throw std::runtime_error("cannot listen");
+  }
+  // A backlog of 0 still queues one connection; this one fills the queue and is never
+  // accepted.
+  UniqueFd filler(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!filler.valid() ||
+      ::connect(filler.get(), reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0) {
+    throw std::runtime_error("cannot fill the accept queue");
+  }
+  port_ = ntohs(sa.sin_port);
+  listen_fd_ = listener.release();
+  filler_fd_ = filler.release();
+}
+
+UnansweredPort::~UnansweredPort() {
+  ::close(filler_fd_);
+  ::close(listen_fd_);
+}
+
 }  // namespace skerir::test

@@ -121,6 +121,17 @@ TEST_F(UpstreamConnection, RequestsGoOutByteForByte) {
   EXPECT_EQ(drain(buffer), "789");
 }
 
+TEST_F(UpstreamConnection, ConnectThatNeverCompletesTimesOut) {
+  UnansweredPort silent;
+  UCurl u;
+  const auto start = Clock::now();
+  EXPECT_FALSE(u.do_connect("127.0.0.1", silent.port()));
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1900));
+  EXPECT_TRUE(err_has("ERR: connect timeout"));
+  EXPECT_FALSE(u.sock.valid());
+  EXPECT_EQ(u.connected_port, -1);  // a failure leaves the old connection fields alone
+}
+
 TEST_F(UpstreamConnection, NoSocketOutlivesItsClient) {
   ScriptedOrigin origin;
   origin.set("/s", Reply::ok("abc"));
