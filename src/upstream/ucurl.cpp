@@ -110,6 +110,7 @@ UCurl::UCurl() = default;
 UCurl::~UCurl() { do_disconnect(); }
 
 void UCurl::parse_url(const std::string* url) {
+  if (url == nullptr) throw UCurlException("no URL");
   log_out("parse URL: ", *url);
   cache_kind = 0;
   const std::string& text = *url;
