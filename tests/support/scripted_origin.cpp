@@ -108,11 +108,11 @@ RecordedRequest parse_head(std::string head) {
 // Parses "bytes=N-" or "bytes=N-M". False when the header has another form.
 bool parse_range(const std::string& range, size_t* first, std::optional<size_t>* last) {
   if (range.rfind("bytes=", 0) != 0) return false;
-  const std::string spec = range.substr(6);
-  const size_t dash = spec.find('-');
+  const std::string bounds = range.substr(6);
+  const size_t dash = bounds.find('-');
   if (dash == std::string::npos || dash == 0) return false;
-  *first = std::strtoull(spec.substr(0, dash).c_str(), nullptr, 10);
-  const std::string tail = spec.substr(dash + 1);
+  *first = std::strtoull(bounds.substr(0, dash).c_str(), nullptr, 10);
+  const std::string tail = bounds.substr(dash + 1);
   if (!tail.empty()) *last = std::strtoull(tail.c_str(), nullptr, 10);
   return true;
 }
