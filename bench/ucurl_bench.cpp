@@ -5,7 +5,8 @@
 //   clear      UCurl::get_stream into a CBuffer that a second thread drains
 //   encrypted  the same with AES-128-CBC segments decrypted on the way
 //
-// Usage: ucurl_bench [total MiB = 256] [segment MiB = 4] [rounds = 3]
+// Usage: ucurl_bench [total MiB = 256] [segment MiB = 4] [rounds = 3] [reader]
+// (naming a reader runs only that one, for profiling).
 // Each round measures the readers back to back (plain->cbuffer is the plain reader writing into
 // a drained CBuffer, which separates the buffer's cost from the client's). Reported: the best
 // rate of each reader and the client's share of the plain reader's rate, as the median of the
@@ -186,6 +187,7 @@ int main(int argc, char** argv) {
   const size_t total_mib = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 256;
   const size_t segment_mib = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 4;
   const int rounds = argc > 3 ? std::atoi(argv[3]) : 3;
+  const std::string only = argc > 4 ? argv[4] : "";
   const int segments = static_cast<int>(std::max<size_t>(1, total_mib / segment_mib));
 
   // Progress lines of the client go to /dev/null; the report to the real standard output.
@@ -229,6 +231,7 @@ int main(int argc, char** argv) {
     for (int r = 0; r < rounds; ++r) {
       std::fprintf(report, "round %d:", r + 1);
       for (auto& reader : readers) {
+        if (!only.empty() && only != reader.name) continue;
         const double cpu_start = cpu_seconds();
         reader.rates.push_back(reader.run());
         const double mb = static_cast<double>(segments) * static_cast<double>(body.size()) / 1e6;
@@ -238,17 +241,21 @@ int main(int argc, char** argv) {
       }
       std::fprintf(report, "  (MB/s)\n");
       std::fflush(report);
-      clear_share.push_back(readers[2].rates.back() / readers[0].rates.back());
-      enc_share.push_back(readers[4].rates.back() / readers[3].rates.back());
+      if (only.empty()) {
+        clear_share.push_back(readers[2].rates.back() / readers[0].rates.back());
+        enc_share.push_back(readers[4].rates.back() / readers[3].rates.back());
+      }
     }
   } catch (const std::exception& e) {
     std::fprintf(report, "ucurl_bench failed: %s\n", e.what());
     return 1;
   }
   for (const auto& reader : readers) {
+    if (reader.rates.empty()) continue;
     std::fprintf(report, "best %-15s %6.0f MB/s, %6.0f MB per CPU-second\n", reader.name,
                  best(reader.rates), best(reader.cpu_rates));
   }
+  if (!only.empty()) return 0;
   // Encrypted throughput counts plaintext bytes; its plain reference reads the cipher bytes.
   std::fprintf(report, "cpu:  clear / plain %.0f %%, encrypted / plain over cipher %.0f %%\n",
                100.0 * best(readers[2].cpu_rates) / best(readers[0].cpu_rates),
