@@ -254,12 +254,16 @@ class Profiler:
         if not self.enabled:
             return
         self.name = name
+        self.pid = pid
         self.data = os.path.join(self.out_dir, name + ".perf.data")
-        # DWARF unwinding: the build keeps no frame pointers, so -g alone stops in libc.
-        self.proc = spawn(["perf", "record", "-q", "-e", "cpu-clock", "-F", "499",
-                           "--call-graph", "dwarf,16384", "-p", str(pid), "-o", self.data], stdout=subprocess.DEVNULL,
+        # System-wide rather than -p: following each of thousands of threads makes every
+        # context switch of the profiled process far dearer and skews what it shows. Kernel
+        # call chains come from the kernel's own unwinder; user chains stop early (no frame
+        # pointers), which the symbol of the syscall's caller makes up for.
+        self.proc = spawn(["perf", "record", "-q", "-a", "-e", "cpu-clock", "-F", "999", "-g",
+                           "-o", self.data], stdout=subprocess.DEVNULL,
                           stderr=subprocess.DEVNULL)
-        time.sleep(0.3)
+        time.sleep(0.5)
 
     def finish(self):
         if not self.proc:
@@ -270,12 +274,14 @@ class Profiler:
         with open(report, "w") as f:
             for title, opts in (("flat, by symbol", ["--no-children", "-g", "none",
                                                      "--percent-limit", "0.3", "--sort", "dso,sym"]),
-                                ("inclusive, with callers", ["--children", "-G",
-                                                             "--percent-limit", "2",
-                                                             "--sort", "sym"])):
+                                ("inclusive, by symbol", ["--children", "-g", "none",
+                                                          "--percent-limit", "1", "--sort", "sym"]),
+                                ("self, with callers", ["--no-children", "-G",
+                                                        "--percent-limit", "2", "--sort", "sym"])):
                 f.write("==== %s\n" % title)
                 f.flush()
-                subprocess.run(["perf", "report", "-i", self.data, "--stdio"] + opts,
+                subprocess.run(["perf", "report", "-i", self.data, "--stdio",
+                                "--pid", str(self.pid)] + opts,
                                stdout=f, stderr=subprocess.DEVNULL)
         log("profile of %s: %s" % (self.name, report))
 
