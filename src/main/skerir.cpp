@@ -1,4 +1,5 @@
 // Process entry: one argument, the maximal stream-buffer size in bytes.
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
@@ -35,6 +36,20 @@ constexpr unsigned long kFutexHashSlots = 8192;
 
 void size_futex_hash() { prctl(PR_FUTEX_HASH, PR_FUTEX_HASH_SET_SLOTS, kFutexHashSlots, 0, 0); }
 
+// Stream-buffer blocks are 512 KiB. glibc serves the first ones with mmap and, once one is
+// freed, raises its thresholds so that later ones come from a heap whose free top is handed
+// back to the system as soon as it exceeds 1 MiB. A buffer that drains and fills again, as
+// every bulk transfer does, thus page-faults most of its blocks afresh: about 60000 faults per
+// 580 MB pulled, each zeroing a page the download then overwrites. Fixed thresholds keep
+// blocks in the heaps and let each heap keep up to 8 MiB free between segments.
+constexpr int kMmapThreshold = 1 << 20;
+constexpr int kTrimThreshold = 8 << 20;
+
+void tune_allocator() {
+  mallopt(M_MMAP_THRESHOLD, kMmapThreshold);
+  mallopt(M_TRIM_THRESHOLD, kTrimThreshold);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -42,6 +57,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   raise_descriptor_limit();
   size_futex_hash();
+  tune_allocator();
 
   if (argc < 2) {
     skerir::log_err("Specify maximal buffer size");
