@@ -588,7 +588,7 @@ def main():
     r.add_argument("--reps", type=int, default=5)
     r.add_argument("--ttfb-reps", type=int, default=21)
     r.add_argument("--vod-reps", type=int, default=3)
-    r.add_argument("--clients", type=lambda s: [int(x) for x in s.split(",")],
+    r.add_argument("--clients", type=lambda s: [int(x) for x in s.split(",") if x],
                    default=[50, 200, 1000])
     r.add_argument("--ramp", type=float, default=100.0)
     r.add_argument("--warmup", type=float, default=8.0)
