@@ -48,6 +48,7 @@ TARGETS = {
 }
 
 started = []  # every Popen made here, stopped in cleanup()
+temp_dirs = []  # removed in cleanup()
 
 
 def log(msg):
@@ -115,6 +116,8 @@ def cleanup():
             stop(p, wait=3)
         except Exception:  # keep stopping the others
             pass
+    for d in temp_dirs:
+        subprocess.run(["rm", "-rf", d])
 
 
 class Skerir:
@@ -122,25 +125,26 @@ class Skerir:
         self.binary, self.tmp, self.buffer_bytes, self.name = binary, tmp, buffer_bytes, name
         self.proc = None
 
-    def start(self, wrapper=()):
-        """Starts skerir; waits (up to a minute) for port 7744 to be free if another user has it."""
+    def start(self):
+        """Starts skerir on port 7744, waiting (up to a minute) while another process has it.
+
+        Other programs on this machine (test suites) may run a skerir on the same port, so an
+        answer on the port proves nothing: the listening socket must belong to this process.
+        """
         deadline = time.monotonic() + 60
         while True:
             self.out = open(os.path.join(self.tmp, self.name + ".out"), "wb")
             self.err = open(os.path.join(self.tmp, self.name + ".err"), "wb")
-            self.proc = spawn(list(wrapper) + [self.binary, str(self.buffer_bytes)],
-                              stdout=self.out, stderr=self.err)
+            self.proc = spawn([self.binary, str(self.buffer_bytes)], stdout=self.out,
+                              stderr=self.err)
             while time.monotonic() < deadline and self.proc.poll() is None:
-                try:
-                    with socket.create_connection(("127.0.0.1", SKERIR_PORT), timeout=1) as s:
-                        s.sendall(b"GET /watchdog HTTP/1.0\r\n\r\n")
-                        if s.recv(64).startswith(b"HTTP/1.0 200"):
-                            return self
-                except OSError:
-                    time.sleep(0.05)
+                if listens_on(self.proc.pid, SKERIR_PORT):
+                    return self
+                time.sleep(0.05)
             if self.proc.poll() is None or time.monotonic() >= deadline:
+                self.stop()
                 raise RuntimeError("skerir did not come up on port %d" % SKERIR_PORT)
-            log("port %d is busy; waiting for it" % SKERIR_PORT)
+            log("port %d is taken by another process; waiting for it" % SKERIR_PORT)
             time.sleep(2)
 
     @property
@@ -152,6 +156,26 @@ class Skerir:
             stop(self.proc)
             self.out.close()
             self.err.close()
+
+
+def listens_on(pid, port):
+    """True when process `pid` holds the socket listening on 127.0.0.1/0.0.0.0:`port`."""
+    inodes = set()
+    with open("/proc/net/tcp") as f:
+        for line in f.readlines()[1:]:
+            fields = line.split()
+            if fields[3] == "0A" and int(fields[1].split(":")[1], 16) == port:
+                inodes.add("socket:[%s]" % fields[9])
+    if not inodes:
+        return False
+    fd_dir = "/proc/%d/fd" % pid
+    for fd in os.listdir(fd_dir):
+        try:
+            if os.readlink(os.path.join(fd_dir, fd)) in inodes:
+                return True
+        except OSError:
+            pass
+    return False
 
 
 def stream_url(master):
@@ -373,6 +397,7 @@ def cmd_run(args):
     cache = os.path.abspath(args.cache)
     manifest = content.prepare(cache)
     tmp = tempfile.mkdtemp(prefix="skerir-macro-")
+    temp_dirs.append(tmp)
     prof_dir = os.path.abspath(args.profile_dir)
     if args.profile:
         os.makedirs(prof_dir, exist_ok=True)
@@ -386,6 +411,7 @@ def cmd_run(args):
 
     nginx = origin_mod.Nginx(tmp, os.path.join(cache, "media"))
     nginx.start()
+    started.append(nginx.proc)  # stopped with everything else on any way out
     args.nginx = nginx
     urls = content.write_playlists(manifest, os.path.join(tmp, "pl"), nginx.origin)
     live_media = os.path.join(tmp, "pl", "live_media.m3u8")
@@ -483,7 +509,6 @@ def cmd_run(args):
     report(results)
     with open(os.path.join(os.path.dirname(cache), "macro-results.json"), "w") as f:
         json.dump(results, f, indent=1)
-    subprocess.run(["rm", "-rf", tmp])
 
 
 def report(r):
