@@ -490,6 +490,7 @@ def cmd_run(args):
     # 3. Live: N clients of the paced presentation.
     live_rate = content.live_rate_bytes_per_s(manifest)
     results["live_rate_mbit"] = live_rate * 8 / 1e6
+    results["live_window_s"] = args.window
     target = "/stream?url=" + urllib.parse.quote(urls["live"], safe="")
     results["live"] = []
     for n in args.clients:
@@ -556,7 +557,8 @@ def report(r):
                   fmt(median([x["mbps"] for x in r["vod"]])),
                   fmt(median([x["wall"] for x in r["vod"]]), ".2f")))
     print()
-    print("Live, %.2f Mbit/s per client, %s s window" % (r["live_rate_mbit"], "30"))
+    print("Live, %.2f Mbit/s per client, %.0f s window" % (r["live_rate_mbit"],
+                                                           r["live_window_s"]))
     print("  %6s %9s %9s %11s %11s %9s %9s %9s %9s" % (
         "N", ">=95%", "min rate", "CPU%/strm", "PSS MiB/st", "threads", "client%",
         "nginx%", "ended"))
