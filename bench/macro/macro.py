@@ -126,12 +126,12 @@ class Skerir:
         self.proc = None
 
     def start(self):
-        """Starts skerir on port 7744, waiting (up to a minute) while another process has it.
+        """Starts skerir on port 7744, waiting (up to three minutes) while another process has it.
 
         Other programs on this machine (test suites) may run a skerir on the same port, so an
         answer on the port proves nothing: the listening socket must belong to this process.
         """
-        deadline = time.monotonic() + 60
+        deadline = time.monotonic() + 180
         while True:
             self.out = open(os.path.join(self.tmp, self.name + ".out"), "wb")
             self.err = open(os.path.join(self.tmp, self.name + ".err"), "wb")
