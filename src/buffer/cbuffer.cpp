@@ -124,8 +124,9 @@ void CBuffer::write_notify_written(unsigned long n) {
   if (full) new_block();
 }
 
-bool CBuffer::wait_for_data() {
-  const auto deadline = std::chrono::steady_clock::now() + kEmptyReadWait;
+bool CBuffer::wait_for_data(std::chrono::nanoseconds limit) {
+  if (size.load(std::memory_order_acquire) != 0) return true;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   std::unique_lock lock(wait_mutex_);
   reader_waiting_.store(true, std::memory_order_seq_cst);
   const bool arrived = data_arrived_.wait_until(
@@ -135,7 +136,7 @@ bool CBuffer::wait_for_data() {
 }
 
 uint64_t CBuffer::read_get_available(char** out) {
-  if (size.load(std::memory_order_acquire) == 0 && !wait_for_data()) return 0;
+  if (size.load(std::memory_order_acquire) == 0 && !wait_for_data(kEmptyReadWait)) return 0;
   CBlock* b = first.load(std::memory_order_acquire);
   if (b == nullptr) return 0;  // only after clean()
   // A block the writer abandoned after the reader had reached its end is complete but was not
@@ -165,7 +166,7 @@ void CBuffer::read_notify_read(unsigned long n) {
 }
 
 uint64_t CBuffer::read(char* dst, unsigned long n) {
-  if (size.load(std::memory_order_acquire) == 0 && !wait_for_data()) return 0;
+  if (size.load(std::memory_order_acquire) == 0 && !wait_for_data(kEmptyReadWait)) return 0;
   uint64_t copied = 0;
   for (;;) {
     CBlock* b = first.load(std::memory_order_acquire);

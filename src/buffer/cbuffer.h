@@ -23,6 +23,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -96,6 +97,11 @@ class CBuffer {
   // must not be read after it. Neither side may be running.
   void clean();
 
+  // Reader. Waits until the buffer holds bytes or `limit` has passed; true when it holds
+  // bytes. Lets the reader's own idle pause end as soon as the writer adds data instead of
+  // sleeping on regardless.
+  bool wait_for_data(std::chrono::nanoseconds limit);
+
   // True while a reader sits in the empty-buffer wait. For tests and diagnostics.
   bool reader_waiting() const { return reader_waiting_.load(std::memory_order_seq_cst); }
 
@@ -112,8 +118,6 @@ class CBuffer {
   CBlock* writable_block();
   // Adds `n` freshly placed bytes to `size` and wakes a waiting reader.
   void publish(uint64_t n);
-  // The empty-buffer wait shared by read_get_available and read; true when data arrived.
-  bool wait_for_data();
 
   // The writer's own view of the block it fills: `last` while that block has room, null when
   // there is none or it is full. The reader may release a full `last` at any moment, so the

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <ctime>
 #include <memory>
@@ -59,8 +60,8 @@ void ResourceStream::serve() {
           log_err("no data for long time, closing stream");
           break;
         }
-        const timespec idle{0, kStreamIdleWaitNs};
-        nanosleep(&idle, nullptr);
+        // The idle pause ends early when the fill thread adds data, never later.
+        buffer.wait_for_data(std::chrono::nanoseconds(kStreamIdleWaitNs));
         continue;
       }
       const unsigned long len = std::min(avail, kStreamWriteSlice);

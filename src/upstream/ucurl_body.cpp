@@ -150,7 +150,9 @@ bool UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, long l
                   static_cast<unsigned long>(produced));
   }
   response->clear();
-  if (scratch_.size() < kBodyReadSize) scratch_.resize(kBodyReadSize);
+  // Only decryption receives through the scratch block; a clear body goes straight into the
+  // buffer, so a clear stream's segment client never touches (and keeps) those 128 KiB.
+  if (ctx != nullptr && scratch_.size() < kBodyReadSize) scratch_.resize(kBodyReadSize);
 
   while (*got < content_length) {
     if (should_finish != nullptr && should_finish->load()) {

@@ -260,6 +260,30 @@ TEST(CBufferRead, AWaitingReaderWakesWhenTheWriterAddsData) {
   EXPECT_EQ(woken, 3);
 }
 
+TEST(CBufferRead, TheReadersIdlePauseLastsItsLimitUnlessDataArrives) {
+  CBuffer buf;
+  auto start = steady_clock::now();
+  EXPECT_FALSE(buf.wait_for_data(milliseconds(50)));
+  EXPECT_GE(steady_clock::now() - start, milliseconds(50));
+  EXPECT_FALSE(buf.reader_waiting());
+
+  // A pause far longer than the test ends as soon as the writer adds a byte.
+  bool arrived = false;
+  std::thread reader([&] {
+    start = steady_clock::now();
+    arrived = buf.wait_for_data(std::chrono::seconds(60));
+  });
+  const auto give_up = steady_clock::now() + milliseconds(5000);
+  while (!buf.reader_waiting() && steady_clock::now() < give_up) std::this_thread::yield();
+  buf.write("x", 1);
+  reader.join();
+  EXPECT_TRUE(arrived);
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(30));
+
+  // Bytes already there: no pause at all.
+  EXPECT_TRUE(buf.wait_for_data(std::chrono::seconds(60)));
+}
+
 TEST(CBufferRead, ReleasingTheOnlyBlockEmptiesTheChainAndTheNextWriteStartsANewOne) {
   CBuffer buf;
   write_pattern(buf, 0, kBlock);
