@@ -95,12 +95,18 @@ void ChildProcess::kill() {
   drain();
 }
 
-std::string ChildProcess::out() {
+void ChildProcess::pump(std::chrono::milliseconds timeout) {
+  pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
+  ::poll(fds, 2, static_cast<int>(timeout.count()));
+  drain();
+}
+
+const std::string& ChildProcess::out() {
   drain();
   return out_;
 }
 
-std::string ChildProcess::err() {
+const std::string& ChildProcess::err() {
   drain();
   return err_;
 }

@@ -25,9 +25,15 @@ class ChildProcess {
   void kill();
   bool running();
 
-  // Everything the child wrote so far.
-  std::string out();
-  std::string err();
+  pid_t pid() const { return pid_; }
+  // Collects what the child wrote, waiting up to `timeout` for some to arrive. A child that
+  // logs much must be pumped regularly, or it blocks on a full pipe.
+  void pump(std::chrono::milliseconds timeout);
+
+  // Everything the child wrote so far. The reference stays valid while the object lives; its
+  // contents grow with every later call.
+  const std::string& out();
+  const std::string& err();
   // Waits until the child's standard output (or error) contains `text`.
   bool wait_for_output(const std::string& text, std::chrono::milliseconds timeout,
                        bool on_stderr = false);

@@ -530,11 +530,17 @@ void ScriptedOrigin::serve_connection(int fd, size_t id, std::shared_ptr<bool> d
   changed_.notify_all();
 }
 
-RefusingPort::RefusingPort() {
+RefusingPort::RefusingPort() : RefusingPort(0) {}
+
+RefusingPort::RefusingPort(int port) {
   UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  // A port that a listener just gave up may still have connections in TIME_WAIT.
+  const int one = 1;
+  if (port != 0) ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
   sockaddr_in sa{};
   sa.sin_family = AF_INET;
   sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sa.sin_port = htons(static_cast<uint16_t>(port));
   socklen_t len = sizeof(sa);
   if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
       ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0) {

@@ -139,6 +139,9 @@ std::string aes128_cbc_encrypt(const std::string& plain, const std::string& key)
 class RefusingPort {
  public:
   RefusingPort();
+  // Holds `port` itself, e.g. the port of an origin that was just destroyed. Throws
+  // std::runtime_error when the port cannot be bound.
+  explicit RefusingPort(int port);
   ~RefusingPort();
   RefusingPort(const RefusingPort&) = delete;
   RefusingPort& operator=(const RefusingPort&) = delete;
