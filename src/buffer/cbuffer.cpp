@@ -1,0 +1,212 @@
+#include "buffer/cbuffer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <new>
+
+#include "buffer/aligned_alloc.h"
+#include "util/log.h"
+
+namespace skerir {
+namespace {
+
+// A reader of an empty buffer waits this long, once, before reporting 0.
+constexpr std::chrono::milliseconds kEmptyReadWait{100};
+
+void destroy_block(CBlock* b) {
+  aligned_free(b->data);
+  b->~CBlock();
+  aligned_free(b);
+}
+
+}  // namespace
+
+CBuffer::~CBuffer() { clean(); }
+
+CBlock* CBuffer::new_block() {
+  // Allocation needs no lock; only linking does.
+  void* record = aligned_malloc(sizeof(CBlock));
+  char* data = record != nullptr ? static_cast<char*>(aligned_malloc(kCBlockSize)) : nullptr;
+  if (data == nullptr) {
+    if (record != nullptr) aligned_free(record);
+    log_err("CBUFF: Unable to allocate mem for cblock data");
+    throw std::bad_alloc();
+  }
+  CBlock* b = new (record) CBlock{data, nullptr, 0, 0, kCBlockSize};
+  {
+    std::lock_guard lock(mutex);
+    // The reader empties the chain (both ends null) under this mutex, so the two ends are
+    // consistent here even when it just released the block that was `last`.
+    if (first.load(std::memory_order_relaxed) == nullptr) {
+      first.store(b, std::memory_order_release);
+    }
+    if (CBlock* l = last.load(std::memory_order_relaxed)) {
+      l->next.store(b, std::memory_order_release);
+    }
+    last.store(b, std::memory_order_release);
+  }
+  writable_ = b;
+  return b;
+}
+
+CBlock* CBuffer::writable_block() {
+  // Only the writer makes `last` non-null, so a null `last` means the reader released the block
+  // `writable_` still names (possible only through an explicit free_block of a partly written
+  // only block): start a new chain instead of writing into freed memory.
+  if (writable_ == nullptr || last.load(std::memory_order_acquire) == nullptr) new_block();
+  return writable_;
+}
+
+void CBuffer::publish(uint64_t n) {
+  if (n == 0) return;
+  // seq_cst on both sides of the wake-up handshake: either this add is seen by the reader's
+  // check of `size` inside its wait, or the reader's flag is seen here. It also releases the
+  // bytes and block links placed before it (see `size`).
+  size.fetch_add(n, std::memory_order_seq_cst);
+  if (reader_waiting_.load(std::memory_order_seq_cst)) {
+    // Taking the wait mutex orders the notify after the reader has started to sleep.
+    std::lock_guard lock(wait_mutex_);
+    data_arrived_.notify_one();
+  }
+}
+
+uint64_t CBuffer::write(const char* src, unsigned long n) {
+  if (last.load(std::memory_order_acquire) == nullptr) new_block();
+  uint64_t copied = 0;
+  while (copied < n) {
+    CBlock* b = writable_block();
+    const uint64_t wp = b->write_pos.load(std::memory_order_relaxed);
+    const uint64_t cap = b->capacity.load(std::memory_order_relaxed);
+    const uint64_t count = std::min<uint64_t>(cap - wp, n - copied);
+    std::memcpy(b->data + wp, src + copied, count);
+    // write_pos before size: a reader that sees the bytes counted finds them in place.
+    b->write_pos.store(wp + count, std::memory_order_release);
+    // Once published, a full block may be released by the reader at any time: forget it first.
+    if (wp + count == cap) writable_ = nullptr;
+    publish(count);
+    copied += count;
+  }
+  return copied;
+}
+
+uint64_t CBuffer::write_get_available(char** out) {
+  CBlock* b = writable_block();
+  const uint64_t wp = b->write_pos.load(std::memory_order_relaxed);
+  *out = b->data + wp;
+  return b->capacity.load(std::memory_order_relaxed) - wp;
+}
+
+uint64_t CBuffer::write_get_available_newblock(char** out) {
+  if (writable_ != nullptr && last.load(std::memory_order_acquire) != nullptr) {
+    // Give up the tail: the block is complete as it stands and the reader frees it at its
+    // write position. The writer must not touch it again.
+    writable_->capacity.store(writable_->write_pos.load(std::memory_order_relaxed),
+                              std::memory_order_release);
+  }
+  writable_ = nullptr;
+  new_block();
+  return write_get_available(out);
+}
+
+void CBuffer::write_notify_written(unsigned long n) {
+  CBlock* b = writable_;
+  // Nothing handed out, nothing to commit, or the block was released under the writer (see
+  // writable_block).
+  if (b == nullptr || n == 0 || last.load(std::memory_order_acquire) == nullptr) return;
+  const uint64_t wp = b->write_pos.load(std::memory_order_relaxed);
+  const uint64_t cap = b->capacity.load(std::memory_order_relaxed);
+  const uint64_t count = std::min<uint64_t>(n, cap - wp);
+  b->write_pos.store(wp + count, std::memory_order_release);
+  const bool full = wp + count == cap;
+  if (full) writable_ = nullptr;
+  publish(count);
+  if (full) new_block();
+}
+
+bool CBuffer::wait_for_data() {
+  const auto deadline = std::chrono::steady_clock::now() + kEmptyReadWait;
+  std::unique_lock lock(wait_mutex_);
+  reader_waiting_.store(true, std::memory_order_seq_cst);
+  const bool arrived = data_arrived_.wait_until(
+      lock, deadline, [this] { return size.load(std::memory_order_seq_cst) != 0; });
+  reader_waiting_.store(false, std::memory_order_relaxed);  // a stale true costs one lock
+  return arrived;
+}
+
+uint64_t CBuffer::read_get_available(char** out) {
+  if (size.load(std::memory_order_acquire) == 0 && !wait_for_data()) return 0;
+  CBlock* b = first.load(std::memory_order_acquire);
+  if (b == nullptr) return 0;  // only after clean()
+  // A block the writer abandoned after the reader had reached its end is complete but was not
+  // released by read_notify_read. Test `next` first: once it is set, the block's final
+  // write_pos is visible, so no unread byte can be dropped.
+  if (b->next.load(std::memory_order_acquire) != nullptr &&
+      b->write_pos.load(std::memory_order_acquire) == b->read_pos) {
+    free_block();
+    b = first.load(std::memory_order_acquire);
+    if (b == nullptr) return 0;
+  }
+  // A stale capacity is never below write_pos, so the smaller of the two bounds the bytes.
+  const uint64_t end = std::min(b->write_pos.load(std::memory_order_acquire),
+                                b->capacity.load(std::memory_order_acquire));
+  *out = b->data + b->read_pos;
+  return end - b->read_pos;
+}
+
+void CBuffer::read_notify_read(unsigned long n) {
+  CBlock* b = first.load(std::memory_order_acquire);
+  if (b == nullptr) return;
+  // Relaxed: the reader hands nothing to the writer through `size`.
+  size.fetch_sub(n, std::memory_order_relaxed);
+  b->read_pos += n;
+  // The block's end is its capacity, not its write position: the writer may still be filling it.
+  if (b->read_pos == b->capacity.load(std::memory_order_acquire)) free_block();
+}
+
+uint64_t CBuffer::read(char* dst, unsigned long n) {
+  if (size.load(std::memory_order_acquire) == 0 && !wait_for_data()) return 0;
+  uint64_t copied = 0;
+  for (;;) {
+    CBlock* b = first.load(std::memory_order_acquire);
+    if (b == nullptr || copied >= n) break;
+    const uint64_t wp = b->write_pos.load(std::memory_order_acquire);
+    const uint64_t cap = b->capacity.load(std::memory_order_acquire);
+    const uint64_t count = std::min(
+        {static_cast<uint64_t>(n) - copied, cap - b->read_pos, std::min(wp, cap) - b->read_pos});
+    std::memcpy(dst + copied, b->data + b->read_pos, count);
+    size.fetch_sub(count, std::memory_order_relaxed);
+    b->read_pos += count;
+    if (b->read_pos == cap) free_block();
+    copied += count;
+    // A non-zero size seen here (acquire) makes the writer's later bytes and links visible to
+    // the next round, so a round that copies nothing is followed by one that makes progress.
+    if (size.load(std::memory_order_acquire) == 0) break;
+  }
+  return copied;
+}
+
+void CBuffer::free_block() {
+  CBlock* b;
+  {
+    std::lock_guard lock(mutex);
+    b = first.load(std::memory_order_relaxed);
+    if (b == nullptr) return;
+    CBlock* next = b->next.load(std::memory_order_relaxed);
+    if (next == nullptr) {
+      last.store(nullptr, std::memory_order_release);
+      first.store(nullptr, std::memory_order_release);
+    } else {
+      first.store(next, std::memory_order_release);
+    }
+  }
+  // Unlinked, so no one else can reach it: free outside the lock.
+  destroy_block(b);
+}
+
+void CBuffer::clean() {
+  while (first.load(std::memory_order_acquire) != nullptr) free_block();
+  writable_ = nullptr;
+}
+
+}  // namespace skerir

@@ -1,0 +1,130 @@
+// The byte pipe of one stream: a singly linked chain of 512 KiB blocks between one writer
+// thread (the fill thread, appending downloaded segment bytes) and one reader thread (the
+// client connection, draining them to its socket).
+//
+// The writer fills `last` and appends a block when it is full; the reader consumes `first` and
+// releases it once consumed to its capacity. Only linking a block in (`new_block`) and
+// unlinking one (`free_block`) take `mutex`, so each side takes it once per block, never per
+// write or read. Everything else rests on the single-producer/single-consumer split:
+//   - the writer alone advances `write_pos` and lowers `capacity` of the block it fills;
+//   - the reader alone advances `read_pos` of the block it consumes;
+//   - `size` is the one counter both sides change (the writer adds, the reader subtracts).
+// Fields the other side reads (`first`, `last`, `next`, `write_pos`, `capacity`, `size`) are
+// atomic; `read_pos` is the reader's own.
+//
+// The buffer sets no limit on its size; the filler compares `size` with its own limit. A failed
+// block allocation logs "CBUFF: Unable to allocate mem for cblock data" and throws
+// std::bad_alloc from the writer call with the chain consistent (bytes already placed stay
+// readable), so only that stream ends.
+//
+// Writer calls: write, write_get_available, write_get_available_newblock,
+// write_notify_written, new_block. Reader calls: read_get_available, read_notify_read, read,
+// free_block. clean() and destruction need both sides to have stopped.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace skerir {
+
+// Storage of one block.
+inline constexpr uint64_t kCBlockSize = 524288;  // 512 KiB
+
+// One link of the chain. Allocated (record and data) with aligned_malloc by
+// CBuffer::new_block and freed by CBuffer::free_block; never copied.
+// Invariants: read_pos <= write_pos <= capacity; every block but `last` is complete
+// (write_pos == capacity).
+struct CBlock {
+  char* data;                       // kCBlockSize bytes, 16-byte aligned
+  std::atomic<CBlock*> next;        // next newer block; null for `last`; set under the mutex
+  std::atomic<uint64_t> write_pos;  // bytes written; advanced by the writer only
+  uint64_t read_pos;                // bytes consumed; touched by the reader only
+  std::atomic<uint64_t> capacity;   // usable length; lowered by the writer to abandon the tail
+};
+
+class CBuffer {
+ public:
+  CBuffer() = default;
+  // Releases whatever blocks remain (the owner normally calls clean() first; calling both is
+  // harmless).
+  ~CBuffer();
+  CBuffer(const CBuffer&) = delete;
+  CBuffer& operator=(const CBuffer&) = delete;
+
+  // Writer. Appends an empty block at `last` and returns it. Throws std::bad_alloc (after
+  // logging) when the record or its data cannot be allocated; the chain is then unchanged.
+  CBlock* new_block();
+
+  // Writer. Copies `n` bytes in, appending blocks as needed; returns `n`. A write of 0 bytes
+  // still creates the first block of an empty chain. A write that ends exactly at a block's end
+  // leaves that block full as `last`; the next write appends before writing.
+  uint64_t write(const char* src, unsigned long n);
+
+  // Writer. Stores through `out` where the next bytes go in `last` and returns how many
+  // contiguous bytes fit there; never 0 (a full or missing block is replaced first).
+  uint64_t write_get_available(char** out);
+
+  // Writer. Like write_get_available, but first gives up the unwritten tail of `last` (its
+  // capacity drops to what was written) and starts a fresh block: returns kCBlockSize.
+  uint64_t write_get_available_newblock(char** out);
+
+  // Writer. Commits `n` bytes written at the pointer last handed out. REQUIRES: `n` is at most
+  // the last write_get_available* result less what was committed since (more is cut to that).
+  // Filling the block appends the next one at once.
+  void write_notify_written(unsigned long n);
+
+  // Reader. Stores through `out` the start of the contiguous readable bytes of `first` and
+  // returns their count. On an empty buffer waits once, at most 100 ms (ending early when the
+  // writer adds bytes), and returns 0 without storing through `out` if it is still empty.
+  uint64_t read_get_available(char** out);
+
+  // Reader. Consumes `n` of the bytes read_get_available offered; releases `first` when
+  // consumption reaches its capacity.
+  void read_notify_read(unsigned long n);
+
+  // Reader. Copies up to `n` bytes out across blocks; returns the count. Waits as
+  // read_get_available does only when the buffer is empty at the call.
+  uint64_t read(char* dst, unsigned long n);
+
+  // Reader. Unlinks and frees `first` (no-op on an empty chain). REQUIRES: the writer is not
+  // filling that block at the same time (it is complete, or the writer is idle).
+  void free_block();
+
+  // Frees every block. Leaves `size` as it was: this is teardown, not a reset, and the buffer
+  // must not be read after it. Neither side may be running.
+  void clean();
+
+  // True while a reader sits in the empty-buffer wait. For tests and diagnostics.
+  bool reader_waiting() const { return reader_waiting_.load(std::memory_order_seq_cst); }
+
+  std::atomic<CBlock*> first{nullptr};  // oldest block, the read end; null when empty
+  std::atomic<CBlock*> last{nullptr};   // newest block, the write end; null when empty
+  std::mutex mutex;                     // held only while a block is linked in or unlinked
+  // Bytes written and not yet consumed. The writer advances a block's write_pos before it adds
+  // to `size` (release), so a reader that sees `size` > 0 (acquire) finds the bytes and the
+  // block links in place. Anyone may read it (relaxed is enough for a mere figure).
+  std::atomic<uint64_t> size{0};
+
+ private:
+  // The block the writer fills next, appending one when there is none with room.
+  CBlock* writable_block();
+  // Adds `n` freshly placed bytes to `size` and wakes a waiting reader.
+  void publish(uint64_t n);
+  // The empty-buffer wait shared by read_get_available and read; true when data arrived.
+  bool wait_for_data();
+
+  // The writer's own view of the block it fills: `last` while that block has room, null when
+  // there is none or it is full. The reader may release a full `last` at any moment, so the
+  // writer never touches a block through this once it filled it. Writer only.
+  CBlock* writable_ = nullptr;
+
+  // The reader's empty-buffer wait. The writer touches the mutex only when `reader_waiting_`
+  // is set, so a write costs one extra atomic load in the common case.
+  std::atomic<bool> reader_waiting_{false};
+  std::mutex wait_mutex_;
+  std::condition_variable data_arrived_;
+};
+
+}  // namespace skerir

@@ -1,0 +1,55 @@
+#include "hls/master_playlist.h"
+
+#include <sstream>
+#include <utility>
+
+#include "hls/playlist_text.h"
+#include "util/log.h"
+#include "util/strings.h"
+
+namespace skerir {
+namespace {
+
+constexpr std::string_view kStreamInf = "#EXT-X-STREAM-INF:";
+constexpr std::string_view kBandwidth = "BANDWIDTH=";
+
+}  // namespace
+
+MasterPlaylist::MasterPlaylist(std::string master_url, CBuffer* stream_buffer,
+                               unsigned long max_buffer_bytes, Stats* process_stats, int start_from)
+    : url(std::move(master_url)),
+      buffer(stream_buffer),
+      max_buffer_size(max_buffer_bytes),
+      startFrom(start_from),
+      stats(process_stats) {}
+
+bool MasterPlaylist::parse_playlist(std::string* text) {
+  variants.clear();
+  uint64_t bandwidth = 0;
+
+  std::istringstream in(*text);
+  std::string line;
+  std::getline(in, line);
+  if (trim(line) != playlist_text::kM3uHeader) {
+    log_err(playlist_text::kNotM3u);
+    return false;
+  }
+  while (std::getline(in, line)) {
+    if (playlist_text::starts_with(line, kStreamInf)) {
+      const size_t attr = line.find(kBandwidth);
+      if (attr == std::string::npos) {
+        log_err("Variant does not specify bandwidth!");
+        return false;
+      }
+      // The value runs to the next comma, or to the end of the line when BANDWIDTH is last.
+      bandwidth = static_cast<uint64_t>(playlist_text::number_at(line, attr + kBandwidth.size()));
+    } else {
+      // Deliberately blunt: every other line, tags and comments included, is a variant URI,
+      // and the bandwidth carries over from the last stream-info line.
+      variants.push_back(PlaylistVariantDef{bandwidth, trim(line), false});
+    }
+  }
+  return true;
+}
+
+}  // namespace skerir
