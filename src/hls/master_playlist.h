@@ -12,15 +12,18 @@
 // joining the previous fill thread, and the flags several threads write are atomic.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "hls/variant_playlist.h"
+#include "upstream/ucurl.h"
 
 namespace skerir {
 
@@ -41,6 +44,25 @@ class MasterPlaylist {
                  int startFrom);
   MasterPlaylist(const MasterPlaylist&) = delete;
   MasterPlaylist& operator=(const MasterPlaylist&) = delete;
+  // Finishes the engine if its owner has not (joining both threads), then frees it.
+  ~MasterPlaylist();
+
+  // Fetches the master playlist, chooses the first variant and starts the refresh-timer
+  // thread. False when the master playlist or a variant is unavailable (no thread is left
+  // running then). Connection thread, once.
+  bool start_refreshing();
+  // Fetches and parses the master playlist and makes the first choice. Once per stream.
+  bool refresh();
+  // The refresh-timer loop: one tick a second until should_finish. Refresh-timer thread.
+  bool refresh_timer();
+  // Joins the previous fill pass, refreshes the media playlist unless five or more chunks are
+  // still queued, and starts the next fill pass. False when the playlist is unavailable.
+  // Refresh-timer thread.
+  bool refresh_variant();
+  // One download pass over the queued chunks. Fill thread; always true.
+  bool fill_buffer();
+  // Sets should_finish and joins both threads. Connection thread; idempotent.
+  void finish();
 
   // Replaces `variants` with those of the master playlist in `*text`. Every line after the
   // first that is not a stream-info tag is taken as a variant URI, with the bandwidth of the
@@ -62,13 +84,14 @@ class MasterPlaylist {
   std::string url;
   std::vector<PlaylistVariantDef> variants;
   CBuffer* buffer;
-  pthread_t fill_thread{};
-  bool fill_thread_started = false;
-  pthread_t refresh_thread{};
-  bool refresh_thread_started = false;
+  // Written by the timer (fill) or the connection thread (refresh); finish() joins the timer
+  // first, so once it is joined nobody else touches either.
+  std::thread fill_thread;
+  std::thread refresh_thread;
   uint64_t max_buffer_size;  // bytes
   uint64_t last_seq = 0;
   std::atomic<bool> fill_running{false};
+  UCurl curl;  // segment client, kept across chunks and passes (keep-alive)
   std::atomic<int32_t> refresh_countdown{0};  // seconds
   int32_t failed_chunks = 0;
   int32_t empty_reloads = 0;
@@ -81,6 +104,18 @@ class MasterPlaylist {
   PlaylistVariantDef* selected = nullptr;
   std::unique_ptr<VariantPlaylist> variant;
   std::atomic<bool> should_finish{false};
+
+ private:
+  // Waits `duration`, or less once should_finish is set (finish() wakes it), so the timer's
+  // tick and the retry pause never delay the end of a stream.
+  void sleep_unless_finishing(std::chrono::milliseconds duration);
+
+  std::mutex wake_mutex;
+  std::condition_variable wake;
 };
+
+// Thread entries; each takes the MasterPlaylist and contains every failure of its thread.
+void* do_refresh_timer(void* mpl);
+void* do_masterplaylist_fill_buffer(void* mpl);
 
 }  // namespace skerir

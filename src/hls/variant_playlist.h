@@ -32,6 +32,10 @@ class VariantPlaylist {
   // when none). `target_duration` keeps its value when the text does not set it.
   bool parse_playlist(std::string* text);
 
+  // Fetches the playlist from `url` and parses it. True only when the fetch succeeded and the
+  // rebuilt queue holds at least one chunk. Refresh-timer thread.
+  bool refresh();
+
   std::string url;
   uint32_t target_duration = 1;  // seconds
   std::queue<Chunk, std::deque<Chunk>> chunks;

@@ -1,6 +1,5 @@
 #include "main/request.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,10 +7,12 @@
 
 #include "main/response.h"
 #include "resources/resource_stats.h"
+#include "resources/resource_stream.h"
 #include "resources/resource_updatecachemap.h"
 #include "resources/watchdog.h"
 #include "util/log.h"
 #include "util/strings.h"
+#include "util/thread_priority.h"
 
 namespace skerir {
 
@@ -24,7 +25,7 @@ int Request::process() { return pthread_create(&thread, nullptr, do_request_star
 
 void* do_request_start(void* arg) {
   std::unique_ptr<Request> request(static_cast<Request*>(arg));
-  setpriority(PRIO_PROCESS, getpid(), 30);
+  lower_thread_priority();
   pthread_detach(pthread_self());
   try {
     request->start();
@@ -80,9 +81,10 @@ void Request::route() {
 }
 
 void Request::serve_stream() {
-  // The stream endpoint is not part of this build yet.
-  log_err("not found");
-  respond_404(resource);
+  const std::string* start = get_param("startFrom");
+  // No validation: non-numeric text gives 0, a leading number is taken as far as it goes.
+  const int startFrom = start ? static_cast<int>(std::strtol(start->c_str(), nullptr, 10)) : 0;
+  ResourceStream(get_param("url"), socket, max_buffer_size, stats, startFrom).serve();
 }
 
 void Request::reply_header_only(int code, const std::string& message, const std::string& type) {

@@ -1,0 +1,171 @@
+// One download pass of a stream: the fill thread started by each playlist refresh.
+#include <limits>
+
+#include "buffer/cbuffer.h"
+#include "hls/master_playlist.h"
+#include "resources/resource_stats.h"
+#include "upstream/ucurl.h"
+#include "util/log.h"
+#include "util/thread_priority.h"
+
+namespace skerir {
+namespace {
+
+constexpr double kRefreshShare = 0.65;  // of the target duration, until the next refresh
+constexpr int kChunkRetries = 3;        // after the first attempt
+constexpr int kMaxFailedChunks = 4;     // consecutive dropped chunks that end the stream
+constexpr int kMaxEmptyReloads = 6;     // consecutive passes without a new chunk
+
+// A measured speed as a whole number of kbit/s. A 0 ms transfer measures as infinity and an
+// empty one as NaN; both must convert without undefined behaviour.
+uint64_t saturate_speed(double speed) {
+  if (!(speed > 0)) return 0;
+  if (speed >= 18446744073709551615.0) return std::numeric_limits<uint64_t>::max();
+  return static_cast<uint64_t>(speed);
+}
+
+}  // namespace
+
+void* do_masterplaylist_fill_buffer(void* arg) {
+  auto* mpl = static_cast<MasterPlaylist*>(arg);
+  lower_thread_priority();
+  try {
+    mpl->fill_buffer();
+  } catch (const std::exception& e) {
+    // Only this stream ends; the timer sees fill_running clear and should_finish set.
+    log_err("Excep: ", e.what());
+    mpl->should_finish = true;
+    mpl->fill_running = false;
+  }
+  return nullptr;
+}
+
+bool MasterPlaylist::fill_buffer() {
+  enum class Exit { kQueueDone, kBufferFull, kSpeedEvent };
+  constexpr auto relaxed = std::memory_order_relaxed;
+  std::queue<Chunk>& chunks = variant->chunks;
+  const uint32_t target_duration = variant->target_duration;
+
+  log_out("fill buffer for", selected->bandwidth);
+  if (chunks.empty()) log_out("playlist chunks empty");
+  if (should_finish) log_out("playlist chunks - should_finish");
+  refresh_countdown = static_cast<int32_t>(target_duration * kRefreshShare);
+
+  log_out("start from: ", startFrom);
+  const int64_t skip = startFrom >= 0 ? startFrom : static_cast<int64_t>(chunks.size()) + startFrom;
+  startFrom = 0;  // only the first pass of a stream skips
+  log_out("searching for new chunks (last seq got ", last_seq, ")");
+
+  int64_t position = 0;
+  bool progress = false;
+  Exit exit = Exit::kQueueDone;
+  while (!chunks.empty() && !should_finish) {
+    const Chunk chunk = chunks.front();
+    if (position < skip) {
+      log_out("skipping chunk from ", chunk.url, " as required by startFrom");
+      chunks.pop();
+      ++position;
+      continue;
+    }
+    if (buffer->size.load() >= max_buffer_size) {
+      log_out("buffer is full - not downloading more chunks ...");
+      exit = Exit::kBufferFull;  // the front chunk stays queued for the next pass
+      break;
+    }
+    chunks.pop();
+    ++position;
+    // Already delivered. Since last_seq starts at 0, a chunk numbered 0 is never fetched:
+    // deliberate, and playlists served to this proxy number their segments from 1.
+    if (chunk.sequence <= last_seq) continue;
+
+    double speed = 0;
+    int64_t received = -1;
+    uint64_t from_bytes = 0;
+    for (int attempt = -1;;) {
+      log_out("getting chunk from ", chunk.url);
+      if (chunk.key_url.empty()) {
+        key.clear();  // key_url is kept, so a later chunk with the same key URL is not refetched
+      } else if (chunk.key_url != key_url) {
+        log_out("getting new decryption key from: ", chunk.key_url);
+        // Updated before the fetch: a failed key fetch is not repeated for the same URL.
+        key_url = chunk.key_url;
+        UCurl key_client;
+        key_client.get(key_url, &key);
+      }
+      received = curl.get_stream(chunk.url, buffer, false, speed, key, &should_finish, from_bytes);
+      if (received != -1) break;
+      log_err("chunk get from ", chunk.url, " FAILED");
+      if (++attempt >= kChunkRetries || should_finish) break;
+      sleep_unless_finishing(std::chrono::seconds(1));
+      log_err("retry chunk get from ", chunk.url, " starting from byte ", curl.stream_pos);
+      from_bytes = curl.stream_pos;
+    }
+
+    if (received != -1) {
+      failed_chunks = 0;
+      log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", received,
+              ", speed ", speed, " kbps");
+      last_seq = chunk.sequence;
+      if (chunk.is_last) should_finish = true;
+
+      const uint64_t s = saturate_speed(speed);
+      stats->last_chunk_speed.store(s, relaxed);
+      stats->cbuff_size.store(buffer->size.load() >> 10, relaxed);
+      stats->selected_profile.store(selected->bandwidth >> 10, relaxed);
+      auto& h = stats->speed_history;
+      if (s >= selected->bandwidth >> 11) {
+        for (size_t i = h.size() - 1; i > 0; --i) h[i].store(h[i - 1].load(relaxed), relaxed);
+        h[0].store(s, relaxed);
+        const uint64_t avg = (3 * h[0].load(relaxed) + 2 * h[1].load(relaxed) +
+                              2 * h[2].load(relaxed) + h[3].load(relaxed) + h[4].load(relaxed)) /
+                             9;
+        stats->avg_speed.store(avg, relaxed);
+      } else {
+        log_err("sudden speed drop! falling down immediately!");
+        h[0].store(s, relaxed);
+        for (size_t i = 1; i < h.size(); ++i) h[i].store(s >> 1, relaxed);
+        stats->avg_speed.store(s, relaxed);
+        exit = Exit::kSpeedEvent;
+        break;
+      }
+    } else if (++failed_chunks == kMaxFailedChunks) {
+      log_err("too many failed subsequent chunks. Finishing stream.");
+      should_finish = true;
+    }
+
+    const uint64_t avg = stats->avg_speed.load(relaxed);
+    if (avg < boundary_low >> 10 || avg >= boundary_high >> 10) {
+      log_out("avg_speed out of boundaries! (", avg, " ", boundary_low >> 10, " ",
+              boundary_high >> 10, ")");
+      exit = Exit::kSpeedEvent;
+      break;
+    }
+    progress = true;
+  }
+
+  switch (exit) {
+    case Exit::kQueueDone:
+      if (progress) {
+        empty_reloads = 0;
+      } else {
+        refresh_countdown = static_cast<int32_t>(target_duration / 4);
+        if (++empty_reloads == kMaxEmptyReloads) {
+          log_err("no new chunks in many playlist reloads");
+          should_finish = true;
+        }
+      }
+      break;
+    case Exit::kBufferFull:
+      empty_reloads = 0;
+      break;
+    case Exit::kSpeedEvent:
+      refresh_countdown = 0;  // the timer reselects at its next tick
+      empty_reloads = 0;
+      break;
+  }
+  // Last action: from here on the timer may reselect and replace `variant`.
+  fill_running = false;
+  return true;
+}
+
+}  // namespace skerir

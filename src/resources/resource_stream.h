@@ -1,0 +1,34 @@
+// "/stream" and "/stream.ts": runs one stream on the connection's thread.
+//
+// Sends the 200 header, creates the stream's CBuffer and MasterPlaylist, starts the engine,
+// then drains the buffer to the client (the buffer's single reader) until the engine has
+// finished and the buffer is empty, the client has gone, or no data came for 15 seconds.
+// Always finishes the engine (joining its threads) before returning. Never closes the socket.
+#pragma once
+
+#include <string>
+
+namespace skerir {
+
+struct Stats;
+
+inline constexpr unsigned long kStreamWriteSlice = 131071;  // bytes per write to the client
+inline constexpr double kStreamNoDataSeconds = 15.0;
+inline constexpr long kStreamIdleWaitNs = 50'000'000;  // between two looks at an empty buffer
+
+class ResourceStream {
+ public:
+  // `url` may be null (request without the parameter); it must outlive serve().
+  ResourceStream(std::string* url, int socket, unsigned long max_buffer_size, Stats* stats,
+                 int startFrom);
+  void serve();
+
+ private:
+  std::string* url_;
+  int socket_;
+  unsigned long max_buffer_size_;
+  Stats* stats_;
+  int startFrom_;
+};
+
+}  // namespace skerir
