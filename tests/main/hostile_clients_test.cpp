@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/log_capture.h"
 #include "support/sanitizers.h"
 #include "support/test_server.h"
 
@@ -313,6 +314,37 @@ TEST(HostileClients, StatsKeepAnsweringThroughIdleLongAndGarbageClients) {
   if (!test::kSanitized) {
     EXPECT_LT(slowest, kProbeBound);
   }
+}
+
+TEST(HostileClients, StreamRequestsWithoutAUsableUrlEndTheirStreamOnly) {
+  TestServer server;
+  const std::string streaming =
+      "HTTP/1.0 200 Streaming...\r\nContent-Type: application/octet-stream\r\n"
+      "Connection: close\r\nAllow: GET, HEAD\r\nCache-Control: no-cache\r\n"
+      "Access-Control-Allow-Origin: *\r\n\r\n";
+  // No url, an empty one, an unknown scheme, a bare scheme shorter than its own prefix, a
+  // placeholder host with no cache map, and a URL of control bytes with an absurd start.
+  // Each but the first goes through the whole retry schedule (about 12 s), so they run at once.
+  const std::vector<std::string> targets = {
+      "/stream",
+      "/stream?url=",
+      "/stream?url=ftp%3A%2F%2Fx%2Fm.m3u8",
+      "/stream?url=http",
+      "/stream.ts?url=http%3A%2F%2F~%2Fa%2Fb%2Fm.m3u8",
+      "/stream?url=%00%ff%0d%0a&startFrom=-99999999999999999999"};
+  test::LogCapture::instance().clear();
+  std::vector<std::string> replies(targets.size());
+  std::vector<std::thread> clients;
+  for (size_t i = 0; i < targets.size(); ++i) {
+    clients.emplace_back([&, i] {
+      replies[i] = test::exchange(server.port(), "GET " + targets[i] + " HTTP/1.1\r\n\r\n");
+    });
+  }
+  for (auto& t : clients) t.join();
+  for (size_t i = 0; i < targets.size(); ++i) EXPECT_EQ(replies[i], streaming) << targets[i];
+  EXPECT_TRUE(
+      test::LogCapture::instance().wait_for("start_refreshing failed!", kDeadline, targets.size()));
+  EXPECT_TRUE(is_stats_reply(test::exchange(server.port(), "GET /stats.json HTTP/1.0\r\n\r\n")));
 }
 
 }  // namespace
