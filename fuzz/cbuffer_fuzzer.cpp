@@ -63,6 +63,13 @@ void check_bytes(const char* src, uint64_t from, uint64_t n) {
   }
 }
 
+// Source and destination of the copying calls, allocated once: fresh megabytes on every call
+// would cost more page faults than the buffer itself.
+std::vector<char>& scratch() {
+  static std::vector<char> bytes(kMaxWritten);
+  return bytes;
+}
+
 struct Script {
   CBuffer buffer;
   uint64_t written = 0;   // stream offset of the next byte to write
@@ -72,9 +79,8 @@ struct Script {
 
   void write(uint64_t n) {
     n = std::min(n, kMaxWritten - written);
-    std::vector<char> src(n);
-    fill(src.data(), written, n);
-    FUZZ_CHECK(buffer.write(src.data(), n) == n);
+    fill(scratch().data(), written, n);
+    FUZZ_CHECK(buffer.write(scratch().data(), n) == n);
     written += n;
   }
 
@@ -105,10 +111,9 @@ struct Script {
 
   void read_copy(uint64_t n) {
     n = std::min(n, held());
-    std::vector<char> dst(n);
-    const uint64_t got = buffer.read(dst.data(), n);
+    const uint64_t got = buffer.read(scratch().data(), n);
     FUZZ_CHECK(got <= n);
-    check_bytes(dst.data(), consumed, got);
+    check_bytes(scratch().data(), consumed, got);
     consumed += got;
   }
 };
