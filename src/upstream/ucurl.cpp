@@ -62,18 +62,21 @@ int seconds_to_ms(long seconds) {
 }
 
 // One read after waiting up to `timeout_ms` for data. Returns the byte count (0 at end of
-// stream), -1 on a read error (errno kept), or -2 when nothing arrived in time. A wake-up
-// without data (EAGAIN on a socket left non-blocking, EINTR) waits again for the time left.
+// stream), -1 on a read error (errno kept), or -2 when nothing arrived in time. Data already
+// waiting is taken without a poll() first (one system call per block on a busy transfer); a
+// wake-up without data (EINTR, or EAGAIN after a spurious readiness) waits again for the time
+// left.
 long read_with_timeout(int fd, char* buf, unsigned long len, int timeout_ms) {
+  if (fd < 0) return -2;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (fd < 0 || poll_one(fd, POLLIN, left > 0 ? static_cast<int>(left) : 0) != 1) return -2;
-    const ssize_t n = ::read(fd, buf, len);
+    const ssize_t n = ::recv(fd, buf, len, MSG_DONTWAIT);
     if (n >= 0) return static_cast<long>(n);
     if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (Clock::now() >= deadline) return -2;
+    if (errno == EINTR) continue;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0 || poll_one(fd, POLLIN, static_cast<int>(left)) != 1) return -2;
   }
 }
 
@@ -107,6 +110,7 @@ UCurl::UCurl() = default;
 UCurl::~UCurl() { do_disconnect(); }
 
 void UCurl::parse_url(const std::string* url) {
+  if (url == nullptr) throw UCurlException("no URL");
   log_out("parse URL: ", *url);
   cache_kind = 0;
   const std::string& text = *url;
@@ -126,7 +130,7 @@ void UCurl::parse_url(const std::string* url) {
 
   const size_t colon = rest.find(':');
   const size_t slash = rest.find('/');
-  std::string new_path;
+  std::string new_path(1, '/');  // when the URL has no path
   if (colon != std::string::npos && (slash == std::string::npos || colon < slash)) {
     // A named port is taken as it stands, even for a placeholder host.
     host = rest.substr(0, colon);
@@ -134,7 +138,6 @@ void UCurl::parse_url(const std::string* url) {
     const size_t port_end = rest.find('/');
     if (port_end == std::string::npos) {
       port = to_int(rest);
-      new_path = "/";
     } else {
       port = to_int(rest.substr(0, port_end));
       new_path = rest.substr(port_end);
@@ -146,7 +149,6 @@ void UCurl::parse_url(const std::string* url) {
   port = kDefaultHttpPort;  // also for https: nothing here speaks TLS
   if (slash == std::string::npos) {
     host = rest;
-    new_path = "/";
   } else {
     host = rest.substr(0, slash);
     new_path = rest.substr(slash);

@@ -76,8 +76,8 @@ class UCurl {
 
   // Splits `*url` into https/host/port/path and resolves the placeholder hosts "@" (through
   // cache_map) and "~" (through cache_map_playlist) unless a port is named. Throws
-  // UCurlException for an unknown scheme or when the map has no server; a URL shorter than
-  // its scheme's fixed cut ("http") throws std::out_of_range.
+  // UCurlException for an unknown scheme, when the map has no server, or for a null `url`; a
+  // URL shorter than its scheme's fixed cut ("http") throws std::out_of_range.
   void parse_url(const std::string* url);
 
   // Ensures an open connection to host:port, reusing the open one when both match. Never
@@ -116,7 +116,11 @@ class UCurl {
   // Reads the body whose headers get_common consumed into `*out`, or when `out` is null into
   // `buffer`, decrypting AES-128-CBC (zero IV) with `key` when it is not empty and the body goes
   // to the buffer over HTTP/1.1. `resume` continues the cipher state of an interrupted read.
-  // False only for "Content-Length unknown" and "Unsupported HTTP version".
+  // `should_finish` (may be null) stops a transfer into the buffer, and a length-delimited one
+  // into the string. `*received` is set to the body bytes received (before decryption).
+  // False only for "Content-Length unknown", "Unsupported HTTP version" and a string body over
+  // kMaxStringBody ("Body too large"); true also when the transfer stopped early. Receive
+  // failures propagate, leaving the cipher context for a resuming call.
   bool get_read_body(std::string* response, std::string* out, CBuffer* buffer,
                      unsigned long* received, std::string key,
                      const std::atomic<bool>* should_finish, bool resume);

@@ -53,6 +53,23 @@ class StreamTest : public ::testing::Test {
     EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
   }
 
+  // Streams `p` from `o` through a fresh server until the server closes, waits for the
+  // clean-up, and checks that the body is exactly the segments the engine reported
+  // delivering. Returns those segments.
+  static Delivery stream_checked(const ScriptedOrigin& o, const Presentation& p,
+                                 const std::string& query = "") {
+    TestServer server;
+    const StreamResult r =
+        test::fetch_stream(server.port(), o.url(p.master_path()), kStreamDeadline, query);
+    EXPECT_TRUE(r.closed) << p.name << query;
+    EXPECT_EQ(r.head, kStreamHead);
+    expect_cleanup();
+    Delivery d = test::delivered_segments(o, p);
+    EXPECT_TRUE(r.body == d.bytes) << p.name << query << ": body of " << r.body.size()
+                                   << " bytes, delivered " << d.bytes.size();
+    return d;
+  }
+
   ScriptedOrigin origin;
 };
 
@@ -96,14 +113,7 @@ TEST_F(StreamTest, StartFromSkipsOnTheFirstPassOnly) {
     ScriptedOrigin o;
     const Presentation p{"sf", {500000}, 1, 6, 20 * 1024};
     p.install(o);
-    TestServer server;
-    const StreamResult r =
-        test::fetch_stream(server.port(), o.url(p.master_path()), kStreamDeadline, c.query);
-    ASSERT_TRUE(r.closed) << c.query;
-    expect_cleanup();
-    const Delivery d = test::delivered_segments(o, p);
-    EXPECT_EQ(sequences(d), range(c.first, 6)) << c.query;
-    EXPECT_EQ(r.body, d.bytes) << c.query;
+    EXPECT_EQ(sequences(stream_checked(o, p, c.query)), range(c.first, 6)) << c.query;
     EXPECT_EQ(LogCapture::instance().count_containing(" as required by startFrom"), c.skipped)
         << c.query;
   }
@@ -136,17 +146,10 @@ TEST_F(StreamTest, LiveWindowStreamsWithoutGapsAndEndsAfterSixEmptyReloads) {
       publish(newest);
     }
   });
-  TestServer server;
-  const StreamResult r =
-      test::fetch_stream(server.port(), origin.url(p.master_path()), kStreamDeadline);
+  const Delivery d = stream_checked(origin, p);
   stop = true;
   grower.join();
-  ASSERT_TRUE(r.closed);
-  expect_cleanup();
-
-  const Delivery d = test::delivered_segments(origin, p);
   EXPECT_EQ(sequences(d), range(1, 12));
-  EXPECT_EQ(r.body, d.bytes);
   EXPECT_EQ(LogCapture::instance().count("no new chunks in many playlist reloads"), 1u);
   // Each pass waits 0.65 x 2 s, counted down once a second, before the next refresh.
   EXPECT_GE(LogCapture::instance().count("not yet refresh time: 1"), 1u);
@@ -162,15 +165,8 @@ TEST_F(StreamTest, SuddenSpeedDropSwitchesDownWithoutGapsOrRepeats) {
     slow.rate = 24 * 1024;  // 192 kbit/s against a 1600 kbit/s variant
     origin.set(p.segment_path(2, seq), slow);
   }
-  TestServer server;
-  const StreamResult r =
-      test::fetch_stream(server.port(), origin.url(p.master_path()), kStreamDeadline);
-  ASSERT_TRUE(r.closed);
-  expect_cleanup();
-
-  const Delivery d = test::delivered_segments(origin, p);
+  const Delivery d = stream_checked(origin, p);
   EXPECT_EQ(sequences(d), range(1, 8));
-  EXPECT_EQ(r.body, d.bytes);
   EXPECT_GE(LogCapture::instance().count("sudden speed drop! falling down immediately!"), 1u);
   // Up to the top first, then down again after the drop.
   bool reached_top = false, came_down = false;
@@ -200,14 +196,7 @@ TEST_F(StreamTest, EncryptedSegmentsFetchEachKeyOnceAndStreamThePlaintext) {
   origin.set(p.master_path(),
              Reply::ok(test::master_playlist(origin, {{500000, p.playlist_path(0)}})));
 
-  TestServer server;
-  const StreamResult r =
-      test::fetch_stream(server.port(), origin.url(p.master_path()), kStreamDeadline);
-  ASSERT_TRUE(r.closed);
-  expect_cleanup();
-  const Delivery d = test::delivered_segments(origin, p);
-  EXPECT_EQ(sequences(d), range(1, 6));
-  EXPECT_EQ(r.body, d.bytes);
+  EXPECT_EQ(sequences(stream_checked(origin, p)), range(1, 6));
   EXPECT_EQ(origin.request_count("/aes/a.key"), 1u);
   EXPECT_EQ(origin.request_count("/aes/b.key"), 1u);
   EXPECT_EQ(
@@ -238,15 +227,7 @@ TEST_F(StreamTest, StalledSegmentResumesWithRangeByteExact) {
     o.set(p.playlist_path(0), Reply::ok(test::media_playlist(o, spec)));
     o.set(p.master_path(), Reply::ok(test::master_playlist(o, {{500000, p.playlist_path(0)}})));
 
-    TestServer server;
-    const StreamResult r =
-        test::fetch_stream(server.port(), o.url(p.master_path()), kStreamDeadline);
-    ASSERT_TRUE(r.closed);
-    expect_cleanup();
-    const Delivery d = test::delivered_segments(o, p);
-    EXPECT_EQ(sequences(d), range(1, 3)) << encrypted;
-    EXPECT_TRUE(r.body == d.bytes)
-        << "encrypted " << encrypted << ": " << r.body.size() << " vs " << d.bytes.size();
+    EXPECT_EQ(sequences(stream_checked(o, p)), range(1, 3)) << encrypted;
     const auto requests = o.requests(p.segment_path(0, 2));
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[1].range, "bytes=100000-");
@@ -262,14 +243,7 @@ TEST_F(StreamTest, FailingSegmentsAreSkippedAndFourInARowEndTheStream) {
     const Presentation p{"skip", {500000}, 1, 4, 10 * 1024};
     p.install(origin);
     origin.set(p.segment_path(0, 2), Reply::status_only(404));
-    TestServer server;
-    const StreamResult r =
-        test::fetch_stream(server.port(), origin.url(p.master_path()), kStreamDeadline);
-    ASSERT_TRUE(r.closed);
-    expect_cleanup();
-    const Delivery d = test::delivered_segments(origin, p);
-    EXPECT_EQ(sequences(d), (std::vector<uint64_t>{1, 3, 4}));
-    EXPECT_EQ(r.body, d.bytes);
+    EXPECT_EQ(sequences(stream_checked(origin, p)), (std::vector<uint64_t>{1, 3, 4}));
     const std::string url = origin.url(p.segment_path(0, 2));
     EXPECT_EQ(LogCapture::instance().count("chunk get from " + url + " FAILED"), 4u);
     EXPECT_EQ(LogCapture::instance().count("retry chunk get from " + url + " starting from byte 0"),
@@ -284,12 +258,7 @@ TEST_F(StreamTest, FailingSegmentsAreSkippedAndFourInARowEndTheStream) {
     const Presentation p{"dead", {500000}, 1, 6, 10 * 1024};
     p.install(o);
     for (uint64_t seq = 2; seq <= 5; ++seq) o.set(p.segment_path(0, seq), Reply::status_only(500));
-    TestServer server;
-    const StreamResult r =
-        test::fetch_stream(server.port(), o.url(p.master_path()), kStreamDeadline);
-    ASSERT_TRUE(r.closed);
-    expect_cleanup();
-    EXPECT_EQ(sequences(test::delivered_segments(o, p)), (std::vector<uint64_t>{1}));
+    EXPECT_EQ(sequences(stream_checked(o, p)), (std::vector<uint64_t>{1}));
     EXPECT_EQ(LogCapture::instance().count("too many failed subsequent chunks. Finishing stream."),
               1u);
     EXPECT_EQ(o.request_count(p.segment_path(0, 6)), 0u);

@@ -108,11 +108,11 @@ RecordedRequest parse_head(std::string head) {
 // Parses "bytes=N-" or "bytes=N-M". False when the header has another form.
 bool parse_range(const std::string& range, size_t* first, std::optional<size_t>* last) {
   if (range.rfind("bytes=", 0) != 0) return false;
-  const std::string spec = range.substr(6);
-  const size_t dash = spec.find('-');
+  const std::string bounds = range.substr(6);
+  const size_t dash = bounds.find('-');
   if (dash == std::string::npos || dash == 0) return false;
-  *first = std::strtoull(spec.substr(0, dash).c_str(), nullptr, 10);
-  const std::string tail = spec.substr(dash + 1);
+  *first = std::strtoull(bounds.substr(0, dash).c_str(), nullptr, 10);
+  const std::string tail = bounds.substr(dash + 1);
   if (!tail.empty()) *last = std::strtoull(tail.c_str(), nullptr, 10);
   return true;
 }
@@ -545,5 +545,34 @@ RefusingPort::RefusingPort() {
 }
 
 RefusingPort::~RefusingPort() { ::close(fd_); }
+
+UnansweredPort::UnansweredPort() {
+  UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(sa);
+  if (!listener.valid() ||
+      ::bind(listener.get(), reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
+      ::listen(listener.get(), 0) != 0 ||
+      ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
+    throw std::runtime_error("cannot listen");
+  }
+  // A backlog of 0 still queues one connection; this one fills the queue and is never
+  // accepted.
+  UniqueFd filler(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!filler.valid() ||
+      ::connect(filler.get(), reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0) {
+    throw std::runtime_error("cannot fill the accept queue");
+  }
+  port_ = ntohs(sa.sin_port);
+  listen_fd_ = listener.release();
+  filler_fd_ = filler.release();
+}
+
+UnansweredPort::~UnansweredPort() {
+  ::close(filler_fd_);
+  ::close(listen_fd_);
+}
 
 }  // namespace skerir::test

@@ -149,4 +149,21 @@ class RefusingPort {
   int port_ = 0;
 };
 
+// A TCP port on 127.0.0.1 whose connects never complete, like a server that has gone silent:
+// it listens with an accept queue that one held connection already fills, so the kernel drops
+// every further connection request.
+class UnansweredPort {
+ public:
+  UnansweredPort();
+  ~UnansweredPort();
+  UnansweredPort(const UnansweredPort&) = delete;
+  UnansweredPort& operator=(const UnansweredPort&) = delete;
+  int port() const { return port_; }
+
+ private:
+  int listen_fd_ = -1;
+  int filler_fd_ = -1;
+  int port_ = 0;
+};
+
 }  // namespace skerir::test

@@ -53,14 +53,14 @@ TEST_F(BodyReading, StreamedBodiesLandInTheBufferWhole) {
   origin.set("/clear.ts", Reply::ok(big));
   origin.set("/old.ts", http10);
   for (const std::string path : {"/clear.ts", "/old.ts"}) {
-    ScopedBuffer buffer;
+    CBuffer buffer;
     UCurl u;
     double speed = -1;
-    EXPECT_EQ(u.get_stream(origin.url(path), buffer.get(), false, speed, 0),
+    EXPECT_EQ(u.get_stream(origin.url(path), &buffer, false, speed, 0),
               static_cast<int64_t>(big.size()))
         << path;
     EXPECT_GT(speed, 0) << path;
-    EXPECT_TRUE(drain(buffer.buffer) == big) << path;
+    EXPECT_TRUE(drain(buffer) == big) << path;
   }
 }
 
@@ -68,18 +68,18 @@ TEST_F(BodyReading, ContentRangeSetsTheStreamPosition) {
   const std::string body = pattern(10000, 3);
   ScriptedOrigin origin;
   origin.set("/s.ts", Reply::ok(body));
-  ScopedBuffer buffer;
+  CBuffer buffer;
   UCurl u;
   double speed = 0;
-  ASSERT_EQ(u.get_stream(origin.url("/s.ts"), buffer.get(), false, speed, 5000), 5000);
+  ASSERT_EQ(u.get_stream(origin.url("/s.ts"), &buffer, false, speed, 5000), 5000);
   EXPECT_EQ(u.stream_pos, 10000u);
   ASSERT_EQ(u.headers.size(), 2u);
   EXPECT_EQ(u.headers[1].name, "Content-Range");
   EXPECT_EQ(u.headers[1].value, "bytes 5000-9999/10000");
-  EXPECT_TRUE(drain(buffer.buffer) == body.substr(5000));
+  EXPECT_TRUE(drain(buffer) == body.substr(5000));
 
   // Without Content-Range the position counts from 0.
-  ASSERT_EQ(u.get_stream(origin.url("/s.ts"), buffer.get(), false, speed, 0), 10000);
+  ASSERT_EQ(u.get_stream(origin.url("/s.ts"), &buffer, false, speed, 0), 10000);
   EXPECT_EQ(u.stream_pos, 10000u);
 }
 
@@ -98,9 +98,9 @@ TEST_F(BodyReading, LengthMustBeNamedExactly) {
     std::string body;
     EXPECT_FALSE(u.get(origin.url(path), &body)) << path;
     EXPECT_TRUE(err_has("Content-Length unknown")) << path;
-    ScopedBuffer buffer;
+    CBuffer buffer;
     double speed = 0;
-    EXPECT_EQ(u.get_stream(origin.url(path), buffer.get(), false, speed, 0), -1) << path;
+    EXPECT_EQ(u.get_stream(origin.url(path), &buffer, false, speed, 0), -1) << path;
   }
 }
 
@@ -119,16 +119,16 @@ TEST_F(BodyReading, StopFlagEndsTheTransferEarly) {
   const std::string big = pattern(4 << 20, 4);
   ScriptedOrigin origin;
   origin.set("/s.ts", Reply::ok(big));
-  ScopedBuffer buffer;
+  CBuffer buffer;
   UCurl u;
   double speed = 0;
   const std::atomic<bool> stop{true};
-  const int64_t got = u.get_stream(origin.url("/s.ts"), buffer.get(), false, speed, "", &stop, 0);
+  const int64_t got = u.get_stream(origin.url("/s.ts"), &buffer, false, speed, "", &stop, 0);
   EXPECT_GE(got, 0);
   EXPECT_LT(got, static_cast<int64_t>(big.size()));
   EXPECT_TRUE(out_has("forced stream break. should finish"));
   EXPECT_FALSE(u.sock.valid());
-  EXPECT_TRUE(drain(buffer.buffer) == big.substr(0, static_cast<size_t>(got)));
+  EXPECT_TRUE(drain(buffer) == big.substr(0, static_cast<size_t>(got)));
 }
 
 TEST_F(BodyReading, EarlyCloseKeepsWhatArrived) {
@@ -137,12 +137,12 @@ TEST_F(BodyReading, EarlyCloseKeepsWhatArrived) {
   cut.close_after = 150000;
   ScriptedOrigin origin;
   origin.set("/s.ts", cut);
-  ScopedBuffer buffer;
+  CBuffer buffer;
   UCurl u;
   double speed = 0;
-  EXPECT_EQ(u.get_stream(origin.url("/s.ts"), buffer.get(), false, speed, 0), 150000);
+  EXPECT_EQ(u.get_stream(origin.url("/s.ts"), &buffer, false, speed, 0), 150000);
   EXPECT_EQ(u.stream_pos, 150000u);
-  EXPECT_TRUE(drain(buffer.buffer) == body.substr(0, 150000));
+  EXPECT_TRUE(drain(buffer) == body.substr(0, 150000));
 }
 
 TEST_F(BodyReading, ReceiveTimeOutInAStringBodyFailsTheGet) {

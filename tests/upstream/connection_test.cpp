@@ -47,11 +47,11 @@ TEST_F(UpstreamConnection, KeepAliveReusesTheSocketAndANewPortReconnects) {
   first.set("/a", Reply::ok("one"));
   first.set("/b", Reply::ok("two"));
   second.set("/c", Reply::ok("three"));
-  ScopedBuffer buffer;
+  CBuffer buffer;
   UCurl u;
   double speed = 0;
-  ASSERT_EQ(u.get_stream(first.url("/a"), buffer.get(), false, speed, 0), 3);
-  ASSERT_EQ(u.get_stream(first.url("/b"), buffer.get(), false, speed, 0), 3);
+  ASSERT_EQ(u.get_stream(first.url("/a"), &buffer, false, speed, 0), 3);
+  ASSERT_EQ(u.get_stream(first.url("/b"), &buffer, false, speed, 0), 3);
   EXPECT_EQ(log().count("reusing existing connection"), 1u);
   EXPECT_EQ(first.connections_accepted(), 1u);
   const auto reqs = first.requests();
@@ -59,14 +59,14 @@ TEST_F(UpstreamConnection, KeepAliveReusesTheSocketAndANewPortReconnects) {
   EXPECT_EQ(reqs[0].connection, reqs[1].connection);
 
   log().clear();
-  ASSERT_EQ(u.get_stream(second.url("/c"), buffer.get(), false, speed, 0), 5);
+  ASSERT_EQ(u.get_stream(second.url("/c"), &buffer, false, speed, 0), 5);
   EXPECT_TRUE(out_has("old port does not match: " + port_text(first.port()) + "->" +
                       port_text(second.port())));
   EXPECT_EQ(log().count("old address does not match"), 0u);
   EXPECT_EQ(log().count("reusing existing connection"), 0u);
   EXPECT_TRUE(out_has("disconnect: 127.0.0.1"));
   EXPECT_TRUE(first.wait_for_no_connections(kWait));  // the old connection was closed
-  EXPECT_EQ(drain(buffer.buffer), "onetwothree");
+  EXPECT_EQ(drain(buffer), "onetwothree");
 }
 
 TEST_F(UpstreamConnection, NamedHostIsResolvedAndDottedOneIsNot) {
@@ -87,29 +87,29 @@ TEST_F(UpstreamConnection, KeepAliveConnectionClosedByTheOriginIsReplaced) {
   closing.close = true;  // ends the connection silently, as an idle time-out would
   origin.push_next("/s", closing);
   origin.set("/s", Reply::ok("second"));
-  ScopedBuffer buffer;
+  CBuffer buffer;
   UCurl u;
   double speed = 0;
-  ASSERT_EQ(u.get_stream(origin.url("/s"), buffer.get(), false, speed, 0), 5);
-  ASSERT_EQ(u.get_stream(origin.url("/s"), buffer.get(), false, speed, 0), 6);
+  ASSERT_EQ(u.get_stream(origin.url("/s"), &buffer, false, speed, 0), 5);
+  ASSERT_EQ(u.get_stream(origin.url("/s"), &buffer, false, speed, 0), 6);
   EXPECT_TRUE(out_has("reusing existing connection"));
   EXPECT_TRUE(out_has("socket is closed! no response!"));
   EXPECT_TRUE(out_has("Trying to reconnect when read response failed"));
   EXPECT_EQ(origin.connections_accepted(), 2u);
-  EXPECT_EQ(drain(buffer.buffer), "firstsecond");
+  EXPECT_EQ(drain(buffer), "firstsecond");
 }
 
 TEST_F(UpstreamConnection, RequestsGoOutByteForByte) {
   ScriptedOrigin origin;
   origin.set("/p?x=1", Reply::ok("0123456789"));
   const std::string host = "Host: 127.0.0.1:" + port_text(origin.port()) + "\r\n";
-  ScopedBuffer buffer;
+  CBuffer buffer;
   {
     UCurl u;
     std::string body;
     ASSERT_TRUE(u.get(origin.url("/p?x=1"), &body));
     double speed = 0;
-    ASSERT_EQ(u.get_stream(origin.url("/p?x=1"), buffer.get(), true, speed, 7), 3);
+    ASSERT_EQ(u.get_stream(origin.url("/p?x=1"), &buffer, true, speed, 7), 3);
     EXPECT_FALSE(u.sock.valid());  // close_after
   }
   const auto reqs = origin.requests();
@@ -118,17 +118,28 @@ TEST_F(UpstreamConnection, RequestsGoOutByteForByte) {
   EXPECT_EQ(reqs[1].head,
             "GET /p?x=1 HTTP/1.1\r\n" + host + "Connection: keep-alive\r\nRange: bytes=7-\r\n\r\n");
   EXPECT_TRUE(err_has("DEBUG: from bytes specified! 7"));
-  EXPECT_EQ(drain(buffer.buffer), "789");
+  EXPECT_EQ(drain(buffer), "789");
+}
+
+TEST_F(UpstreamConnection, ConnectThatNeverCompletesTimesOut) {
+  UnansweredPort silent;
+  UCurl u;
+  const auto start = Clock::now();
+  EXPECT_FALSE(u.do_connect("127.0.0.1", silent.port()));
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1900));
+  EXPECT_TRUE(err_has("ERR: connect timeout"));
+  EXPECT_FALSE(u.sock.valid());
+  EXPECT_EQ(u.connected_port, -1);  // a failure leaves the old connection fields alone
 }
 
 TEST_F(UpstreamConnection, NoSocketOutlivesItsClient) {
   ScriptedOrigin origin;
   origin.set("/s", Reply::ok("abc"));
   {
-    ScopedBuffer buffer;
+    CBuffer buffer;
     UCurl u;
     double speed = 0;
-    ASSERT_EQ(u.get_stream(origin.url("/s"), buffer.get(), false, speed, 0), 3);
+    ASSERT_EQ(u.get_stream(origin.url("/s"), &buffer, false, speed, 0), 3);
     EXPECT_TRUE(u.sock.valid());  // kept for the next segment
     EXPECT_EQ(origin.connections_open(), 1u);
   }

@@ -32,17 +32,17 @@ void script_cut(ScriptedOrigin& origin, const std::string& path, const std::stri
 
 void expect_resumed(ScriptedOrigin& origin, const std::string& path, const std::string& key,
                     const std::string& plain, size_t served_size) {
-  ScopedBuffer buffer;
+  CBuffer buffer;
   UCurl u;
   double speed = 0;
-  EXPECT_EQ(u.get_stream(origin.url(path), buffer.get(), false, speed, key, nullptr, 0), -1);
+  EXPECT_EQ(u.get_stream(origin.url(path), &buffer, false, speed, key, nullptr, 0), -1);
   EXPECT_TRUE(UpstreamTest::err_has("Excep: recv timeout2"));
   EXPECT_FALSE(u.sock.valid());
   EXPECT_EQ(u.stream_pos, kCutAt);
   EXPECT_EQ(u.decrypt_ctx != nullptr, !key.empty());  // kept only for the resuming call
 
   const unsigned long from = u.stream_pos;
-  EXPECT_EQ(u.get_stream(origin.url(path), buffer.get(), false, speed, key, nullptr, from),
+  EXPECT_EQ(u.get_stream(origin.url(path), &buffer, false, speed, key, nullptr, from),
             static_cast<int64_t>(served_size - kCutAt));
   EXPECT_EQ(u.stream_pos, served_size);
   EXPECT_EQ(u.decrypt_ctx, nullptr);
@@ -52,7 +52,7 @@ void expect_resumed(ScriptedOrigin& origin, const std::string& path, const std::
   ASSERT_EQ(reqs.size(), 2u);
   EXPECT_EQ(reqs[0].range, "");
   EXPECT_EQ(reqs[1].range, "bytes=" + std::to_string(kCutAt) + "-");
-  const std::string got = drain(buffer.buffer);
+  const std::string got = drain(buffer);
   EXPECT_EQ(got.size(), plain.size());
   EXPECT_TRUE(got == plain);
 }

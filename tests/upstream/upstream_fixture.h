@@ -30,13 +30,6 @@ class UpstreamTest : public ::testing::Test {
   static bool err_has(const std::string& line) { return log().has_line(LogStream::err, line); }
 };
 
-// A CBuffer that frees its blocks when it goes (the buffer itself leaves that to its owner).
-struct ScopedBuffer {
-  CBuffer buffer;
-  ~ScopedBuffer() { buffer.clean(); }
-  CBuffer* get() { return &buffer; }
-};
-
 // Everything written to `buffer` and not yet read, in order; the buffer is left empty.
 inline std::string drain(CBuffer& buffer) {
   std::string out;

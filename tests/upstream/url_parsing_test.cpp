@@ -120,6 +120,8 @@ TEST_F(UrlParsing, BareSchemeIsShorterThanItsCut) {
     UCurl u;
     EXPECT_THROW(u.parse_url(&url), std::out_of_range) << url;
   }
+  UCurl u;
+  EXPECT_THROW(u.parse_url(nullptr), UCurlException);
 }
 
 TEST(RequestText, HasOnlyHostConnectionAndRange) {
