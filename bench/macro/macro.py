@@ -383,8 +383,8 @@ def live_run(sk_binary, tmp, port, target, n, live_rate, args, profiler, timeout
 
 # ---- the run ---------------------------------------------------------------------------------
 
-def fmt(x, spec=".1f"):
-    return "n/a" if x is None or x != x else format(x, spec)
+def fmt(x, form=".1f"):
+    return "n/a" if x is None or x != x else format(x, form)
 
 
 def verdict(ok):

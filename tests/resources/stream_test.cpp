@@ -126,14 +126,14 @@ TEST_F(StreamTest, LiveWindowStreamsWithoutGapsAndEndsAfterSixEmptyReloads) {
     origin.set(p.segment_path(0, seq), Reply::ok(test::segment_bytes(0, seq, p.segment_size)));
   }
   auto publish = [&](uint64_t newest) {
-    test::MediaPlaylistSpec spec;
-    spec.target_duration = p.target_duration;
-    spec.endlist = false;
-    spec.media_sequence = newest > 3 ? newest - 2 : 1;
-    for (uint64_t s = spec.media_sequence; s <= newest; ++s) {
-      spec.segments.push_back({s, p.segment_path(0, s), ""});
+    test::MediaPlaylistPlan plan;
+    plan.target_duration = p.target_duration;
+    plan.endlist = false;
+    plan.media_sequence = newest > 3 ? newest - 2 : 1;
+    for (uint64_t s = plan.media_sequence; s <= newest; ++s) {
+      plan.segments.push_back({s, p.segment_path(0, s), ""});
     }
-    origin.set(p.playlist_path(0), Reply::ok(test::media_playlist(origin, spec)));
+    origin.set(p.playlist_path(0), Reply::ok(test::media_playlist(origin, plan)));
   };
   publish(3);
   origin.set(p.master_path(),
@@ -181,10 +181,10 @@ TEST_F(StreamTest, SuddenSpeedDropSwitchesDownWithoutGapsOrRepeats) {
 TEST_F(StreamTest, EncryptedSegmentsFetchEachKeyOnceAndStreamThePlaintext) {
   const std::string key_a = "0123456789abcdef", key_b = "fedcba9876543210";
   const Presentation p{"aes", {500000}, 1, 6, 70 * 1024 + 5};
-  test::MediaPlaylistSpec spec;
+  test::MediaPlaylistPlan plan;
   for (uint64_t seq = 1; seq <= 6; ++seq) {
     const bool first_half = seq <= 3;
-    spec.segments.push_back(
+    plan.segments.push_back(
         {seq, p.segment_path(0, seq), first_half ? "/aes/a.key" : "/aes/b.key"});
     Reply body = Reply::ok(test::segment_bytes(0, seq, p.segment_size));
     body.encrypt_key = first_half ? key_a : key_b;
@@ -192,7 +192,7 @@ TEST_F(StreamTest, EncryptedSegmentsFetchEachKeyOnceAndStreamThePlaintext) {
   }
   origin.set("/aes/a.key", Reply::ok(key_a));
   origin.set("/aes/b.key", Reply::ok(key_b));
-  origin.set(p.playlist_path(0), Reply::ok(test::media_playlist(origin, spec)));
+  origin.set(p.playlist_path(0), Reply::ok(test::media_playlist(origin, plan)));
   origin.set(p.master_path(),
              Reply::ok(test::master_playlist(origin, {{500000, p.playlist_path(0)}})));
 
@@ -210,9 +210,9 @@ TEST_F(StreamTest, StalledSegmentResumesWithRangeByteExact) {
     ScriptedOrigin o;
     const std::string key = "k-0123456789abcd";
     const Presentation p{encrypted ? "cutaes" : "cut", {500000}, 1, 3, 300 * 1024 + 7};
-    test::MediaPlaylistSpec spec;
+    test::MediaPlaylistPlan plan;
     for (uint64_t seq = 1; seq <= 3; ++seq) {
-      spec.segments.push_back({seq, p.segment_path(0, seq), encrypted ? "/k.key" : ""});
+      plan.segments.push_back({seq, p.segment_path(0, seq), encrypted ? "/k.key" : ""});
       Reply body = Reply::ok(test::segment_bytes(0, seq, p.segment_size));
       if (encrypted) body.encrypt_key = key;
       o.set(p.segment_path(0, seq), body);
@@ -224,7 +224,7 @@ TEST_F(StreamTest, StalledSegmentResumesWithRangeByteExact) {
     stall.stall_for = 4s;
     o.push_next(p.segment_path(0, 2), stall);
     o.set("/k.key", Reply::ok(key));
-    o.set(p.playlist_path(0), Reply::ok(test::media_playlist(o, spec)));
+    o.set(p.playlist_path(0), Reply::ok(test::media_playlist(o, plan)));
     o.set(p.master_path(), Reply::ok(test::master_playlist(o, {{500000, p.playlist_path(0)}})));
 
     EXPECT_EQ(sequences(stream_checked(o, p)), range(1, 3)) << encrypted;

@@ -38,21 +38,21 @@ std::string url_encode(const std::string& text) {
   return out;
 }
 
-std::string media_playlist(const ScriptedOrigin& origin, const MediaPlaylistSpec& spec) {
+std::string media_playlist(const ScriptedOrigin& origin, const MediaPlaylistPlan& plan) {
   std::string text =
-      "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:" + std::to_string(spec.target_duration) +
-      "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(spec.media_sequence) + "\n";
+      "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:" + std::to_string(plan.target_duration) +
+      "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(plan.media_sequence) + "\n";
   std::string key_in_force;
-  for (const SegmentSpec& s : spec.segments) {
+  for (const SegmentPlan& s : plan.segments) {
     if (s.key_path != key_in_force) {
       text += s.key_path.empty()
                   ? "#EXT-X-KEY:METHOD=NONE\n"
                   : "#EXT-X-KEY:METHOD=AES-128,URI=\"" + origin.url(s.key_path) + "\"\n";
       key_in_force = s.key_path;
     }
-    text += "#EXTINF:" + std::to_string(spec.target_duration) + ".0,\n" + origin.url(s.path) + "\n";
+    text += "#EXTINF:" + std::to_string(plan.target_duration) + ".0,\n" + origin.url(s.path) + "\n";
   }
-  if (spec.endlist) text += "#EXT-X-ENDLIST\n";
+  if (plan.endlist) text += "#EXT-X-ENDLIST\n";
   return text;
 }
 
@@ -79,16 +79,16 @@ void Presentation::install(ScriptedOrigin& origin) const {
   for (size_t v = 0; v < bandwidths.size(); ++v) {
     const int vi = static_cast<int>(v);
     list.emplace_back(bandwidths[v], playlist_path(vi));
-    MediaPlaylistSpec spec;
-    spec.media_sequence = first_sequence;
-    spec.target_duration = target_duration;
-    spec.endlist = endlist;
+    MediaPlaylistPlan plan;
+    plan.media_sequence = first_sequence;
+    plan.target_duration = target_duration;
+    plan.endlist = endlist;
     for (int i = 0; i < count; ++i) {
       const uint64_t seq = first_sequence + static_cast<uint64_t>(i);
-      spec.segments.push_back({seq, segment_path(vi, seq), ""});
+      plan.segments.push_back({seq, segment_path(vi, seq), ""});
       origin.set(segment_path(vi, seq), Reply::ok(segment_bytes(vi, seq, segment_size)));
     }
-    origin.set(playlist_path(vi), Reply::ok(media_playlist(origin, spec)));
+    origin.set(playlist_path(vi), Reply::ok(media_playlist(origin, plan)));
   }
   origin.set(master_path(), Reply::ok(master_playlist(origin, list)));
 }

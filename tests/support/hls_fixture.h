@@ -17,21 +17,21 @@ std::string segment_bytes(int variant, uint64_t sequence, size_t size);
 // Percent-encodes everything but unreserved characters, for the "url" query parameter.
 std::string url_encode(const std::string& text);
 
-struct SegmentSpec {
+struct SegmentPlan {
   uint64_t sequence;
   std::string path;      // on the origin
   std::string key_path;  // empty: clear; otherwise the key's path on the origin
 };
 
-struct MediaPlaylistSpec {
+struct MediaPlaylistPlan {
   uint64_t media_sequence = 1;
   int target_duration = 2;
   bool endlist = true;
-  std::vector<SegmentSpec> segments;
+  std::vector<SegmentPlan> segments;
 };
 
 // The playlist text, with absolute URLs on `origin`.
-std::string media_playlist(const ScriptedOrigin& origin, const MediaPlaylistSpec& spec);
+std::string media_playlist(const ScriptedOrigin& origin, const MediaPlaylistPlan& plan);
 
 // A master playlist listing (bandwidth, media playlist path) pairs in order.
 std::string master_playlist(const ScriptedOrigin& origin,
