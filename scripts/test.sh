@@ -17,9 +17,24 @@ build() {  # build <dir> <extra cmake args...>
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
-run_ctest() {  # run_ctest <dir> <ctest args...>
+total_passed=0
+total_failed=0
+run_ctest() {  # run_ctest <dir> <ctest args...>; adds its counts to the totals
   local dir=$1; shift
-  (cd "$dir" && ctest --output-on-failure --timeout 900 "$@")
+  local log rc=0
+  log=$(mktemp)
+  (cd "$dir" && ctest --output-on-failure --timeout 900 "$@") 2>&1 | tee "$log" || rc=$?
+  local summary
+  summary=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+' "$log" | tail -n 1)
+  rm -f "$log"
+  if [ -n "$summary" ]; then
+    local failed all
+    failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$summary")
+    all=$(sed -E 's/.* tests failed out of ([0-9]+).*/\1/' <<<"$summary")
+    total_failed=$((total_failed + failed))
+    total_passed=$((total_passed + all - failed))
+  fi
+  return "$rc"
 }
 
 # Runs every fuzz target for SKERIR_FUZZ_SECONDS (default 20), as many at a time as there are
@@ -103,3 +118,6 @@ for b in $builds; do
     *) echo "unknown build: $b" >&2; exit 2 ;;
   esac
 done
+
+# One closing line over every CTest run above.
+echo "$total_passed passed, $total_failed failed"
