@@ -28,12 +28,8 @@ bool MasterPlaylist::parse_playlist(std::string* text) {
   uint64_t bandwidth = 0;
 
   std::istringstream in(*text);
+  if (!playlist_text::read_header(in)) return false;
   std::string line;
-  std::getline(in, line);
-  if (trim(line) != playlist_text::kM3uHeader) {
-    log_err(playlist_text::kNotM3u);
-    return false;
-  }
   while (std::getline(in, line)) {
     if (playlist_text::starts_with(line, kStreamInf)) {
       const size_t attr = line.find(kBandwidth);

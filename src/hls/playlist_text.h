@@ -2,13 +2,27 @@
 #pragma once
 
 #include <cstdlib>
+#include <istream>
 #include <string>
 #include <string_view>
+
+#include "util/log.h"
+#include "util/strings.h"
 
 namespace skerir::playlist_text {
 
 inline constexpr std::string_view kM3uHeader = "#EXTM3U";
 inline constexpr const char* kNotM3u = "This is not m3u playlist!";
+
+// Reads the first line of `in` and checks that, trimmed, it is the playlist header. Logs
+// "This is not m3u playlist!" on standard error when it is not.
+inline bool read_header(std::istream& in) {
+  std::string line;
+  std::getline(in, line);
+  if (trim(line) == kM3uHeader) return true;
+  log_err(kNotM3u);
+  return false;
+}
 
 // Whether the raw (untrimmed) line begins with `tag`.
 inline bool starts_with(const std::string& line, std::string_view tag) {

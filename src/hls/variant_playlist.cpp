@@ -38,12 +38,8 @@ bool VariantPlaylist::parse_playlist(std::string* text) {
   std::string key_url;
 
   std::istringstream in(*text);
+  if (!playlist_text::read_header(in)) return false;
   std::string line;
-  std::getline(in, line);
-  if (trim(line) != playlist_text::kM3uHeader) {
-    log_err(playlist_text::kNotM3u);
-    return false;
-  }
   while (std::getline(in, line)) {
     using playlist_text::starts_with;
     if (starts_with(line, kMediaSequence)) {
