@@ -224,37 +224,31 @@ class HttpReply:
 
     def read_to_end(self, timeout):
         """The whole body, up to the server's close. Fails if the close has not come in time."""
-        deadline = time.monotonic() + timeout
-        parts = []
-        while True:
-            remaining = deadline - time.monotonic()
-            if remaining <= 0:
-                raise Failure("the reply did not end within %.0f s (%d bytes so far)"
-                              % (timeout, sum(map(len, parts))))
-            self._sock.settimeout(min(remaining, 5.0))
-            try:
-                data = self.read()
-            except socket.timeout:
-                continue
-            if not data:
-                return b"".join(parts)
-            parts.append(data)
+        body, closed = self._read_until(timeout, 5.0)
+        if not closed:
+            raise Failure("the reply did not end within %.0f s (%d bytes so far)"
+                          % (timeout, len(body)))
+        return body
 
     def read_for(self, seconds):
         """The body received during `seconds`, or less if the server closes first."""
+        return self._read_until(seconds, 1.0)[0]
+
+    def _read_until(self, seconds, poll):
+        """Reads for at most `seconds`; returns the bytes and whether the server closed."""
         deadline = time.monotonic() + seconds
         parts = []
         while True:
             remaining = deadline - time.monotonic()
             if remaining <= 0:
-                return b"".join(parts)
-            self._sock.settimeout(min(remaining, 1.0))
+                return b"".join(parts), False
+            self._sock.settimeout(min(remaining, poll))
             try:
                 data = self.read()
             except socket.timeout:
                 continue
             if not data:
-                return b"".join(parts)
+                return b"".join(parts), True
             parts.append(data)
 
     def close(self):
