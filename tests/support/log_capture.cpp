@@ -1,5 +1,7 @@
 #include "support/log_capture.h"
 
+#include <algorithm>
+
 namespace skerir::test {
 
 LogCapture& LogCapture::instance() {
@@ -12,10 +14,8 @@ LogCapture& LogCapture::instance() {
 }
 
 void LogCapture::on_line(LogStream stream, std::string_view line) {
-  {
-    std::lock_guard lock(mutex_);
-    lines_.push_back({stream, std::string(line)});
-  }
+  std::lock_guard lock(mutex_);
+  lines_.emplace_back(stream, line);
   changed_.notify_all();
 }
 
@@ -24,50 +24,30 @@ void LogCapture::clear() {
   lines_.clear();
 }
 
-std::vector<LoggedLine> LogCapture::lines() const {
-  std::lock_guard lock(mutex_);
-  return lines_;
-}
-
 std::vector<std::string> LogCapture::lines(LogStream stream) const {
   std::lock_guard lock(mutex_);
   std::vector<std::string> out;
-  for (const auto& l : lines_) {
-    if (l.stream == stream) out.push_back(l.text);
+  for (const auto& [s, text] : lines_) {
+    if (s == stream) out.push_back(text);
   }
   return out;
 }
 
-size_t LogCapture::count_locked(std::string_view text, bool substring) const {
-  size_t n = 0;
-  for (const auto& l : lines_) {
-    if (substring ? l.text.find(text) != std::string::npos : l.text == text) ++n;
-  }
-  return n;
-}
-
-size_t LogCapture::count(std::string_view text) const {
+size_t LogCapture::count(std::string_view text, bool exact) const {
   std::lock_guard lock(mutex_);
-  return count_locked(text, false);
+  return std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) {
+    return exact ? l.second == text : l.second.find(text) != std::string::npos;
+  });
 }
 
-size_t LogCapture::count_containing(std::string_view fragment) const {
-  std::lock_guard lock(mutex_);
-  return count_locked(fragment, true);
-}
-
-bool LogCapture::has_line(LogStream stream, std::string_view text) const {
-  std::lock_guard lock(mutex_);
-  for (const auto& l : lines_) {
-    if (l.stream == stream && l.text == text) return true;
-  }
-  return false;
-}
-
-bool LogCapture::wait_for(std::string_view text, std::chrono::milliseconds timeout, size_t n,
-                          bool substring) {
+bool LogCapture::wait_for(std::string_view text, std::chrono::milliseconds timeout, size_t n) {
   std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] { return count_locked(text, substring) >= n; });
+  return changed_.wait_for(lock, timeout, [&] {
+    lock.unlock();
+    const bool enough = count(text) >= n;
+    lock.lock();
+    return enough;
+  });
 }
 
 }  // namespace skerir::test

@@ -1,53 +1,33 @@
-// Records every log line of the process so tests can wait for and inspect them.
-//
-// One instance per test process, installed on first use and never removed (detached server
-// threads may still log after a test ends). Thread-safe.
+// Records every log line of the test process so tests can wait for and count them. One
+// instance, installed on first use and never removed: detached server threads may log after
+// a test ends. Thread-safe.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "util/log.h"
 
 namespace skerir::test {
 
-struct LoggedLine {
-  LogStream stream;
-  std::string text;
-};
-
 class LogCapture : public LogTap {
  public:
   static LogCapture& instance();
-
   void on_line(LogStream stream, std::string_view line) override;
 
   void clear();
-  std::vector<LoggedLine> lines() const;
-  // Lines of one stream, in order.
   std::vector<std::string> lines(LogStream stream) const;
-  // Number of lines (of either stream) equal to `text`.
-  size_t count(std::string_view text) const;
-  // Number of lines (of either stream) containing `fragment`.
-  size_t count_containing(std::string_view fragment) const;
-  bool has_line(LogStream stream, std::string_view text) const;
-
-  // Waits until at least `n` lines equal to (or, with `substring`, containing) `text` have been
-  // logged since the last clear(). Returns false on time-out.
-  bool wait_for(std::string_view text, std::chrono::milliseconds timeout, size_t n = 1,
-                bool substring = false);
+  // Lines since the last clear() that contain `text` (that equal it, with `exact`).
+  size_t count(std::string_view text, bool exact = false) const;
+  bool wait_for(std::string_view text, std::chrono::milliseconds timeout, size_t n = 1);
 
  private:
-  LogCapture() = default;
-  size_t count_locked(std::string_view text, bool substring) const;
-
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<LoggedLine> lines_;
+  std::vector<std::pair<LogStream, std::string>> lines_;
 };
 
 }  // namespace skerir::test

@@ -1,5 +1,4 @@
-// Runs a program as a child process with its standard output and error captured, for tests
-// of the real skerir binary.
+// A program (the real skerir binary, usually) as a child process, its output collected in files.
 #pragma once
 
 #include <sys/types.h>
@@ -12,47 +11,21 @@ namespace skerir::test {
 
 class ChildProcess {
  public:
-  // Starts `program` with `args`; throws std::runtime_error when it cannot be started.
   ChildProcess(const std::string& program, const std::vector<std::string>& args);
-  // Kills the child if it still runs.
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess();  // kills the child if it still runs
 
-  // Waits for the child to exit; returns its exit status, or -1 on time-out.
+  // The exit status (128 + signal when killed), or -1 when it still runs after `timeout`.
   int wait_exit(std::chrono::milliseconds timeout);
-  // Sends SIGKILL and reaps the child.
-  void kill();
-  bool running();
-
   pid_t pid() const { return pid_; }
-  // Collects what the child wrote, waiting up to `timeout` for some to arrive. A child that
-  // logs much must be pumped regularly, or it blocks on a full pipe.
-  void pump(std::chrono::milliseconds timeout);
-
-  // Everything the child wrote so far. The reference stays valid while the object lives; its
-  // contents grow with every later call.
-  const std::string& out();
-  const std::string& err();
-  // Waits until the child's standard output (or error) contains `text`.
-  bool wait_for_output(const std::string& text, std::chrono::milliseconds timeout,
-                       bool on_stderr = false);
+  std::string out() const;  // everything written so far
+  std::string err() const;
 
  private:
-  void drain();
-
-  pid_t pid_ = -1;
-  int out_fd_ = -1;
-  int err_fd_ = -1;
+  pid_t pid_;
   int status_ = -1;
-  std::string out_;
-  std::string err_;
+  std::string dir_;
 };
 
-// Path of the skerir binary under test (set at build time).
 std::string skerir_binary();
-
-// Waits until 127.0.0.1:port accepts a connection.
-bool wait_until_listening(int port, std::chrono::milliseconds timeout);
 
 }  // namespace skerir::test

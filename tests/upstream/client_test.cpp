@@ -1,0 +1,205 @@
+// The upstream client against the scripted origin over real loopback sockets.
+#include <gtest/gtest.h>
+
+#include "buffer/cbuffer.h"
+#include "cachemap/cachemap.h"
+#include "support/log_capture.h"
+#include "support/scripted_origin.h"
+#include "upstream/ucurl.h"
+
+namespace skerir::test {
+namespace {
+
+using namespace std::chrono_literals;
+const std::string kKey = "fedcba9876543210";
+
+size_t logged(const std::string& line) { return LogCapture::instance().count(line, true); }
+
+std::string drain(CBuffer& buffer) {
+  std::string out;
+  char* p = nullptr;
+  while (buffer.size > 0) {
+    const uint64_t n = buffer.read_get_available(&p);
+    out.append(p, n);
+    buffer.read_notify_read(n);
+  }
+  return out;
+}
+
+// Bytes that differ at every position, so a shifted or repeated range shows.
+std::string pattern(size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 2654435761u) >> 13);
+  return s;
+}
+
+// A segment download into a fresh buffer; returns the count and leaves the bytes in `out`.
+int64_t fetch(UCurl& u, const std::string& url, std::string* out, const std::string& key = "",
+              unsigned long from = 0, const std::atomic<bool>* stop = nullptr) {
+  CBuffer buffer;
+  double speed = 0;
+  const int64_t n = u.get_stream(url, &buffer, false, speed, key, stop, from);
+  *out += drain(buffer);
+  return n;
+}
+
+class UpstreamClient : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    create_cache_maps();
+    cache_map->setCacheMapString("");
+    LogCapture::instance().clear();
+  }
+  ScriptedOrigin origin;
+};
+
+TEST_F(UpstreamClient, GetJudgesStatusHeadersAndFraming) {
+  const struct {
+    Reply reply;
+    bool ok;
+    std::string body;
+    size_t requests;   // how many reached the origin
+    std::string line;  // logged at least once
+  } cases[] = {
+      {Reply::ok("playlist"), true, "playlist", 1},
+      {{.status = 206}, true, "", 1},
+      {{.body = "old", .http10 = true}, true, "old", 1},
+      {{.raw = "HTTP/1.1 200 OK\r\nContent-Length:   4  \r\nX:\r\n\r\nbody"}, true, "body", 1},
+      {{.raw = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort"}, true, "short", 1},
+      {{.raw = "HTTP/1.1 404 Not Found\r\n"}, false, "", 6, "get common failed - retry 6"},
+      {{.raw = "HTTP/1.1\r\n"}, false, "", 6, "HTTP response first_line: HTTP/1.1"},
+      {{.raw = "HTTP/1.1 200 OK\r\nX: 4\r\n"}, false, "", 1, "Excep: connection closed in headers"},
+  };
+  for (const auto& c : cases) {
+    ScriptedOrigin o;
+    o.set("/p", c.reply);
+    std::string body = "stale";
+    UCurl u;
+    EXPECT_EQ(u.get(o.url("/p"), &body), c.ok) << c.line;
+    EXPECT_EQ(body, c.ok ? c.body : body);
+    EXPECT_EQ(o.requests("/p").size(), c.requests) << c.line;
+    EXPECT_GE(logged(c.line), c.line.empty() ? 0u : 1u) << c.line;
+    EXPECT_FALSE(u.sock.valid());
+  }
+}
+
+TEST_F(UpstreamClient, SegmentsReuseTheConnectionAndRequestsAreExact) {
+  origin.set("/a.ts", Reply::ok("AAAA"));
+  origin.set("/b.ts", {.body = "B", .close_after = 1});  // the origin closes after it
+  UCurl u;
+  std::string got;
+  EXPECT_EQ(fetch(u, origin.url("/a.ts"), &got), 4);
+  EXPECT_EQ(fetch(u, origin.url("/b.ts"), &got), 1);
+  EXPECT_EQ(fetch(u, origin.url("/a.ts"), &got), 4);  // the closed connection is replaced
+  std::string text;
+  EXPECT_TRUE(u.get(origin.url("/b.ts"), &text));  // on the kept connection, asking to close it
+  EXPECT_EQ(got + text, "AAAABAAAAB");
+  const auto reqs = origin.requests();
+  ASSERT_EQ(reqs.size(), 4u);
+  EXPECT_EQ(reqs[0].connection + reqs[1].connection + reqs[2].connection + reqs[3].connection, 2u);
+  const std::string host = "Host: " + origin.authority() + "\r\n";
+  EXPECT_EQ(reqs[0].head, "GET /a.ts HTTP/1.1\r\n" + host + "Connection: keep-alive\r\n\r\n");
+  EXPECT_EQ(reqs[3].head, "GET /b.ts HTTP/1.1\r\n" + host + "Connection: close\r\n\r\n");
+  EXPECT_EQ(logged("reusing existing connection"), 3u);
+  EXPECT_EQ(logged("Trying to reconnect when read response failed"), 1u);
+  EXPECT_FALSE(u.sock.valid());
+}
+
+TEST_F(UpstreamClient, FailedAttemptsAreRetriedAndDeadCacheServersDropped) {
+  // Port 1 refuses: four attempts, the last two after a one-second pause each.
+  UCurl u;
+  std::string response;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(u.get_common("http://127.0.0.1:1/x", &response, false, 0));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 2s);
+  EXPECT_EQ(logged("Trying to reconnect when connecting") +
+                logged("Trying to reconnect when send data") +
+                logged("Trying to reconnect when read response failed"),
+            4u);
+  // An unusable status line is retried the same way, on a new connection each time.
+  for (const std::string raw : {"ICY 200 OK\r\n", "HTTP/1.1 200 OK"}) {
+    ScriptedOrigin o;
+    o.set("/p", {.raw = raw});
+    std::string leftovers;
+    EXPECT_FALSE(u.get_common(o.url("/p"), &leftovers, false, 0));
+    EXPECT_EQ(o.connections_accepted(), 4u);
+  }
+  EXPECT_EQ(logged("Not HTTP/1.x?"), 4u);
+  EXPECT_EQ(logged("Where is http state?"), 4u);
+  // A dead cache server is invalidated before the third attempt; the next ring serves.
+  origin.set("/ch/x/1.ts", Reply::ok("seg"));
+  cache_map->setCacheMapString("127.0.0.1:1;" + origin.authority());
+  std::string got;
+  EXPECT_EQ(fetch(u, "http://@/ch/x/1.ts", &got), 3);
+  EXPECT_EQ(got, "seg");
+  EXPECT_GE(logged("Invalidating cache server 127.0.0.1:1"), 1u);
+}
+
+TEST_F(UpstreamClient, EncryptedBodiesOfEverySizeDecryptToThePlaintext) {
+  for (size_t size : {0ul, 1ul, 15ul, 16ul, 17ul, 131071ul, 131077ul, 1300000ul}) {
+    // Large bodies arrive in many reads.
+    origin.set("/e.ts",
+               {.body = pattern(size), .encrypt_key = kKey, .rate = size > 1000 ? size * 8 : 0});
+    UCurl u;
+    std::string got;
+    EXPECT_EQ(fetch(u, origin.url("/e.ts"), &got, kKey), size / 16 * 16 + 16);
+    EXPECT_TRUE(got == pattern(size)) << size;
+    EXPECT_EQ(u.decrypt_ctx, nullptr);
+  }
+  origin.set("/old.ts", {.body = "clear", .http10 = true});  // only length-delimited is decrypted
+  UCurl u;
+  std::string got;
+  EXPECT_EQ(fetch(u, origin.url("/old.ts"), &got, kKey), 5);
+  EXPECT_EQ(got, "clear");
+}
+
+TEST_F(UpstreamClient, StopFlagAndEarlyCloseEndTheTransferWithWhatArrived) {
+  origin.set("/slow.ts", {.body = pattern(400000), .encrypt_key = kKey, .rate = 200000});
+  UCurl u;
+  std::atomic<bool> stop{false};
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(300ms);
+    stop = true;
+  });
+  std::string got;
+  const int64_t n = fetch(u, origin.url("/slow.ts"), &got, kKey, 0, &stop);
+  stopper.join();
+  EXPECT_LT(n, 400000);
+  EXPECT_EQ(logged("forced stream break. should finish"), 1u);
+  EXPECT_FALSE(u.sock.valid());
+  EXPECT_TRUE(got == pattern(400000).substr(0, got.size()));  // the cipher was flushed
+
+  origin.set("/cut.ts", {.body = pattern(100000), .close_after = 60000});
+  got.clear();
+  EXPECT_EQ(fetch(u, origin.url("/cut.ts"), &got), 60000);
+  EXPECT_TRUE(got == pattern(60000));
+}
+
+// A segment cut by a receive time-out is resumed with a Range from stream_pos, continuing the
+// cipher state exactly: the cut splits a cipher block.
+TEST_F(UpstreamClient, StalledSegmentResumesWhereItWasCut) {
+  for (const std::string key : {"", "fedcba9876543210"}) {
+    const std::string plain = pattern(1500000);
+    origin.push_next("/s.ts",
+                     {.body = plain, .encrypt_key = key, .stall_at = 700001, .stall_for = 60s});
+    origin.set("/s.ts", {.body = plain, .encrypt_key = key});
+    const size_t served = key.empty() ? plain.size() : plain.size() / 16 * 16 + 16;
+    UCurl u;
+    std::string got;
+    EXPECT_EQ(fetch(u, origin.url("/s.ts"), &got, key), -1);
+    EXPECT_EQ(u.stream_pos, 700001u);
+    CBuffer buffer;  // the bytes of both calls go to one buffer, as the fill thread's do
+    buffer.write(got.data(), got.size());
+    double speed = 0;
+    EXPECT_EQ(u.get_stream(origin.url("/s.ts"), &buffer, false, speed, key, nullptr, 700001),
+              static_cast<int64_t>(served - 700001));
+    EXPECT_EQ(u.stream_pos, served);
+    EXPECT_EQ(origin.requests("/s.ts").back().range, "bytes=700001-");
+    EXPECT_TRUE(drain(buffer) == plain) << "key: " << key;
+  }
+  EXPECT_EQ(logged("Excep: recv timeout2"), 2u);
+  EXPECT_EQ(logged("DEBUG: from bytes specified! 700001"), 2u);
+}
+
+}  // namespace
+}  // namespace skerir::test

@@ -1,0 +1,69 @@
+// URL splitting with cache-server substitution, and the request bytes.
+#include <gtest/gtest.h>
+
+#include "cachemap/cachemap.h"
+#include "upstream/ucurl.h"
+
+namespace skerir {
+namespace {
+
+TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
+  create_cache_maps();
+  cache_map->setCacheMapString("10.0.0.1:8081");
+  cache_map_playlist->setCacheMapString("cachehost");
+  const struct {
+    std::string url, host;
+    int port;
+    std::string path;
+    int https, cache_kind;
+  } cases[] = {
+      {"http://h:8080", "h", 8080, "/", 0, 0},
+      {"http://h/a:b?x=1", "h", 80, "/a:b?x=1", 0, 0},
+      {"http://h", "h", 80, "/", 0, 0},
+      {"http://h:abc/x", "h", 0, "/x", 0, 0},
+      {"http://@/seg/1.ts", "10.0.0.1", 8081, "/seg/1.ts", 0, 1},
+      {"http://~/a/b.m3u8", "cachehost", 0, "/a/b.m3u8", 0, 2},  // no ":" in the server name
+      {"http://@:81/seg", "@", 81, "/seg", 0, 0},                // a named port: no substitution
+  };
+  for (const auto& c : cases) {
+    UCurl u;
+    u.parse_url(&c.url);
+    EXPECT_EQ(u.host, c.host) << c.url;
+    EXPECT_EQ(u.port, c.port) << c.url;
+    EXPECT_EQ(u.path, c.path) << c.url;
+    EXPECT_EQ(u.https, c.https) << c.url;
+    EXPECT_EQ(u.cache_kind, c.cache_kind) << c.url;
+  }
+  const struct {
+    std::string url, message;
+  } bad[] = {
+      {"ftp://h/x", "ftp"},
+      {"HTTP://h/x", "HTTP"},
+      {"h/x", "h/x"},
+      {"", ""},
+      {"http://@/x", "No cache server found"},
+      {"http://~/x", "No playlist cache server found"},
+  };
+  cache_map->setCacheMapString("");
+  cache_map_playlist->setCacheMapString("");
+  for (const auto& c : bad) {
+    UCurl u;
+    try {
+      u.parse_url(&c.url);
+      ADD_FAILURE() << c.url;
+    } catch (const UCurlException& e) {
+      EXPECT_EQ(std::string(e.what()), c.message);
+    }
+  }
+}
+
+TEST(UpstreamUrl, RequestCarriesOnlyHostConnectionAndRange) {
+  EXPECT_EQ(build_request("/a?b", "h", 80, false, 0),
+            "GET /a?b HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(build_request("/s.ts", "h", 8080, true, 5000),
+            "GET /s.ts HTTP/1.1\r\nHost: h:8080\r\nConnection: keep-alive\r\n"
+            "Range: bytes=5000-\r\n\r\n");
+}
+
+}  // namespace
+}  // namespace skerir
