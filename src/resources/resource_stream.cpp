@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -21,6 +22,18 @@ namespace {
 int64_t wall_seconds() { return static_cast<int64_t>(std::time(nullptr)); }
 
 }  // namespace
+
+bool ResourceStream::write_slice(const char* p, unsigned long len) const {
+  while (len > 0) {
+    const ssize_t n = ::write(socket_, p, len);
+    if (n < 0 && errno == EINTR) continue;
+    // Nothing moved within the send time-out, or the connection failed: the client is gone.
+    if (n < 0) return false;
+    p += n;
+    len -= static_cast<unsigned long>(n);
+  }
+  return true;
+}
 
 ResourceStream::ResourceStream(std::string* url, int socket, unsigned long max_buffer_size,
                                Stats* stats, int startFrom)
@@ -65,10 +78,8 @@ void ResourceStream::serve() {
         continue;
       }
       const unsigned long len = std::min(avail, kStreamWriteSlice);
-      if (::write(socket_, ptr, len) < 0) break;  // the client has gone
+      if (!write_slice(ptr, len)) break;  // the client has gone
       last_data_time = wall_seconds();
-      // Advanced by the slice even after a short write: the rest of the slice is dropped
-      // rather than resent, which keeps the reader's position simple.
       buffer.read_notify_read(len);
     }
   }

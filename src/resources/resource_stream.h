@@ -24,6 +24,11 @@ class ResourceStream {
   void serve();
 
  private:
+  // Writes the whole slice, carrying on after a write the send time-out cut short: a client
+  // that paused for longer than that must not miss the rest of the slice, which would corrupt
+  // its transport stream. False when the client is gone.
+  bool write_slice(const char* p, unsigned long len) const;
+
   std::string* url_;
   int socket_;
   unsigned long max_buffer_size_;

@@ -1,5 +1,6 @@
 // "/stream" end to end over real sockets: the in-process server, the scripted origin, and a
 // client reading the body until the server closes it.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -136,7 +137,8 @@ TEST_F(Stream, FailedSegmentsAreSkippedAndFourInARowEndTheStream) {
   EXPECT_EQ(LogCapture::instance().count("chunk get from " + origin.url(p.segment_path(0, 2)) +
                                          " FAILED"),
             4u);
-  for (uint64_t seq = 3; seq <= 6; ++seq) origin.set(p.segment_path(0, seq), Reply::with_status(500));
+  for (uint64_t seq = 3; seq <= 6; ++seq)
+    origin.set(p.segment_path(0, seq), Reply::with_status(500));
   EXPECT_EQ(sequences(stream(p)), (std::vector<uint64_t>{1}));
   EXPECT_EQ(LogCapture::instance().count("too many failed subsequent chunks. Finishing stream."),
             1u);
@@ -163,6 +165,27 @@ TEST_F(Stream, SilentOriginEndsTheStreamAfterFifteenSecondsWithoutData) {
   EXPECT_EQ(sequences(stream(p)), (std::vector<uint64_t>{1}));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 15s);
   EXPECT_EQ(LogCapture::instance().count("no data for long time, closing stream", true), 1u);
+}
+
+TEST_F(Stream, ClientThatPausesPastTheSendTimeOutLosesNothing) {
+  const Presentation p{"pause", {500000}, 1, 20, 300 * 1024};
+  p.install(origin);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int small = 4096;  // the server's writes block soon, and its 10 s send time-out expires
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  sockaddr_in sa{.sin_family = AF_INET,
+                 .sin_port = htons(static_cast<uint16_t>(server.port())),
+                 .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+  const std::string req =
+      "GET /stream?url=" + url_encode(origin.url(p.master_path())) + " HTTP/1.1\r\n\r\n";
+  ::send(fd, req.data(), req.size(), 0);
+  std::this_thread::sleep_for(12s);
+  std::string raw;
+  EXPECT_TRUE(read_until_close(fd, &raw, kDeadline));
+  ::close(fd);
+  EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
+  EXPECT_TRUE(raw.substr(raw.find("\r\n\r\n") + 4) == bytes_of(p, delivered_segments(origin, p)));
 }
 
 TEST_F(Stream, ClientThatLeavesEndsItsEngineAndUpstreamConnections) {
