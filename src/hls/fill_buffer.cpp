@@ -77,6 +77,13 @@ bool MasterPlaylist::fill_buffer() {
     // Already delivered. Since last_seq starts at 0, a chunk numbered 0 is never fetched:
     // deliberate, and playlists served to this proxy number their segments from 1.
     if (chunk.sequence <= last_seq) continue;
+    if (!chunk.unplayable.empty()) {
+      // Sending what a client cannot decode would look like a working stream that plays
+      // nothing; ending it says what is wrong.
+      log_err("cannot play ", chunk.url, ": ", chunk.unplayable, "; finishing stream");
+      should_finish = true;
+      break;
+    }
 
     double speed = 0;
     int64_t received = -1;

@@ -11,7 +11,7 @@ namespace skerir {
 namespace {
 
 constexpr std::string_view kStreamInf = "#EXT-X-STREAM-INF:";
-constexpr std::string_view kBandwidth = "BANDWIDTH=";
+constexpr std::string_view kBandwidth = "BANDWIDTH";
 
 }  // namespace
 
@@ -32,17 +32,17 @@ bool MasterPlaylist::parse_playlist(std::string* text) {
   std::string line;
   while (std::getline(in, line)) {
     if (playlist_text::starts_with(line, kStreamInf)) {
-      const size_t attr = line.find(kBandwidth);
-      if (attr == std::string::npos) {
+      const auto value = playlist_text::attribute(trim(line).substr(kStreamInf.size()), kBandwidth);
+      if (!value) {
         log_err("Variant does not specify bandwidth!");
         return false;
       }
-      // The value runs to the next comma, or to the end of the line when BANDWIDTH is last.
-      bandwidth = static_cast<uint64_t>(playlist_text::number_at(line, attr + kBandwidth.size()));
-    } else {
-      // Deliberately blunt: every other line, tags and comments included, is a variant URI,
-      // and the bandwidth carries over from the last stream-info line.
-      variants.push_back(PlaylistVariantDef{bandwidth, trim(line), false});
+      bandwidth = static_cast<uint64_t>(playlist_text::number_at(*value, 0));
+    } else if (!trim(line).empty() && line[0] != '#') {
+      // Every URI line is a variant, with the bandwidth of the last stream-info tag before it
+      // (two URIs after one tag are two variants). Other tags (renditions, I-frame playlists,
+      // the version), comments and blank lines name no variant.
+      variants.push_back(PlaylistVariantDef{bandwidth, line, false});
     }
   }
   return true;

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <istream>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,31 @@ inline bool starts_with(const std::string& line, std::string_view tag) {
 // none. Out-of-range values saturate (strtol) instead of being undefined.
 inline long number_at(const std::string& line, size_t pos) {
   return pos < line.size() ? std::strtol(line.c_str() + pos, nullptr, 10) : 0;
+}
+
+// The value of attribute `name` in an attribute list such as `BANDWIDTH=800000,CODECS="a,b"`:
+// NAME=VALUE pairs separated by commas, where a quoted string may hold commas. Quotes are
+// removed; nullopt when the list has no such attribute ("AVERAGE-BANDWIDTH" is not
+// "BANDWIDTH").
+inline std::optional<std::string> attribute(std::string_view list, std::string_view name) {
+  for (size_t at = 0; at < list.size();) {
+    const size_t eq = list.find('=', at);
+    if (eq == std::string_view::npos) break;
+    std::string key(list.substr(at, eq - at));
+    size_t end = eq + 1;
+    std::string_view value;
+    if (end < list.size() && list[end] == '"') {
+      const size_t quote = std::min(list.find('"', end + 1), list.size());
+      value = list.substr(end + 1, quote - end - 1);
+      end = list.find(',', quote);
+    } else {
+      end = list.find(',', end);
+      value = list.substr(eq + 1, end == std::string_view::npos ? end : end - eq - 1);
+    }
+    if (trim(key) == name) return std::string(value);
+    at = end == std::string_view::npos ? list.size() : end + 1;
+  }
+  return std::nullopt;
 }
 
 }  // namespace skerir::playlist_text

@@ -17,9 +17,12 @@ namespace skerir {
 // One media segment, copied by value into and out of the queue.
 struct Chunk {
   uint64_t sequence = 0;
-  std::string url;       // the URI line, trimmed, used as written (never resolved)
+  std::string url;       // the URI line, trimmed
   bool is_last = false;  // last segment of a playlist that carries the end-list tag
   std::string key_url;   // AES-128 key in force for this segment; empty when clear
+  std::string iv;        // the key tag's IV, 16 bytes; empty for the all-zero IV
+  uint64_t range_offset = 0, range_length = 0;  // a byte range of the resource; 0: all of it
+  std::string unplayable;  // why this segment cannot be sent to a client; empty when it can
 };
 
 class VariantPlaylist {
