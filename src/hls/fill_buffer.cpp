@@ -115,23 +115,8 @@ bool MasterPlaylist::fill_buffer() {
       last_seq = chunk.sequence;
       if (chunk.is_last) should_finish = true;
 
-      const uint64_t s = saturate_speed(speed);
-      stats->last_chunk_speed.store(s, relaxed);
-      stats->cbuff_size.store(buffer->size.load() >> 10, relaxed);
-      stats->selected_profile.store(selected->bandwidth >> 10, relaxed);
-      auto& h = stats->speed_history;
-      if (s >= selected->bandwidth >> 11) {
-        for (size_t i = h.size() - 1; i > 0; --i) h[i].store(h[i - 1].load(relaxed), relaxed);
-        h[0].store(s, relaxed);
-        const uint64_t avg = (3 * h[0].load(relaxed) + 2 * h[1].load(relaxed) +
-                              2 * h[2].load(relaxed) + h[3].load(relaxed) + h[4].load(relaxed)) /
-                             9;
-        stats->avg_speed.store(avg, relaxed);
-      } else {
+      if (!stats->record_segment(saturate_speed(speed), buffer->size.load(), selected->bandwidth)) {
         log_err("sudden speed drop! falling down immediately!");
-        h[0].store(s, relaxed);
-        for (size_t i = 1; i < h.size(); ++i) h[i].store(s >> 1, relaxed);
-        stats->avg_speed.store(s, relaxed);
         exit = Exit::kSpeedEvent;
         break;
       }

@@ -20,6 +20,13 @@ struct Stats {
   std::array<std::atomic<uint64_t>, 5> speed_history{};  // [0] newest .. [4] oldest, kbit/s
 
   void zero();
+
+  // Records a segment fetched at `speed` kbit/s with `buffered` bytes in the stream buffer while
+  // the selected variant has `bandwidth` bit/s. A speed of at least half the bandwidth enters
+  // the history and the average becomes (3·h1 + 2·h2 + 2·h3 + h4 + h5) / 9, h1 the newest; a
+  // slower one is a sudden drop: the history restarts from it (h1 and the average the speed,
+  // the others half of it) and the result is false.
+  bool record_segment(uint64_t speed, uint64_t buffered, uint64_t bandwidth);
 };
 
 // Answers one "/stats.json" request on `socket` (header block, then the JSON body in one
