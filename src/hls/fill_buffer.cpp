@@ -6,6 +6,7 @@
 #include "resources/resource_stats.h"
 #include "upstream/ucurl.h"
 #include "util/log.h"
+#include "util/metrics.h"
 #include "util/thread_priority.h"
 
 namespace skerir {
@@ -89,6 +90,7 @@ bool MasterPlaylist::fill_buffer() {
         log_out("getting new decryption key from: ", chunk.key_url);
         // Updated before the fetch: a failed key fetch is not repeated for the same URL.
         key_url = chunk.key_url;
+        count(metrics().key_fetches);
         UCurl key_client;
         key_client.get(key_url, &key);
       }
@@ -99,8 +101,10 @@ bool MasterPlaylist::fill_buffer() {
       sleep_unless_finishing(std::chrono::seconds(1));
       log_err("retry chunk get from ", chunk.url, " starting from byte ", curl.stream_pos);
       from_bytes = curl.stream_pos;
+      if (from_bytes != 0) count(metrics().segment_resumes);
     }
 
+    if (received == -1) counters->segment_failed();
     if (received != -1) {
       failed_chunks = 0;
       log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", received,
@@ -109,6 +113,7 @@ bool MasterPlaylist::fill_buffer() {
       if (chunk.is_last) should_finish = true;
 
       const uint64_t s = saturate_speed(speed);
+      counters->segment_fetched(s);
       stats->last_chunk_speed.store(s, relaxed);
       stats->cbuff_size.store(buffer->size.load() >> 10, relaxed);
       stats->selected_profile.store(selected->bandwidth >> 10, relaxed);
