@@ -1,0 +1,146 @@
+// "/metrics" and "/streams.json": the counters move with a scripted stream, the exposition
+// text passes a real parser of the format, and the stream list is valid JSON that hides header
+// values.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+
+#include "resources/connection_registry.h"
+#include "resources/resource_streams.h"
+#include "support/hls_fixture.h"
+#include "support/process.h"
+#include "support/scripted_origin.h"
+#include "support/test_server.h"
+
+namespace skerir {
+namespace {
+
+using namespace std::chrono_literals;
+using test::Reply;
+
+// Every sample line of an exposition text, "name{labels}" to value.
+std::map<std::string, double> samples(const std::string& text) {
+  std::map<std::string, double> out;
+  size_t at = 0;
+  while (at < text.size()) {
+    const size_t eol = text.find('\n', at);
+    const std::string line = text.substr(at, eol - at);
+    at = eol == std::string::npos ? text.size() : eol + 1;
+    const size_t blank = line.rfind(' ');
+    if (line.empty() || line[0] == '#' || blank == std::string::npos) continue;
+    out[line.substr(0, blank)] = std::strtod(line.c_str() + blank + 1, nullptr);
+  }
+  return out;
+}
+
+std::map<std::string, double> scrape(int port, std::string* body = nullptr) {
+  const auto reply = test::split_reply(test::exchange(port, "GET /metrics HTTP/1.0\r\n\r\n"), true);
+  EXPECT_NE(reply.head.find("\r\nContent-Type: text/plain; version=0.0.4; charset=utf-8\r\n"),
+            std::string::npos);
+  if (body != nullptr) *body = reply.body;
+  return samples(reply.body);
+}
+
+TEST(Metrics, CountersFollowAStreamWithAKeyACutAndALostSegment) {
+  test::ScriptedOrigin origin;
+  const std::string key = "0123456789abcdef";
+  constexpr size_t kSegment = 256 * 1024;
+  origin.set("/k.key", Reply::ok(key));
+  for (int v = 0; v < 2; ++v) {
+    test::MediaPlaylistPlan plan;
+    for (uint64_t seq = 1; seq <= 4; ++seq) {
+      const std::string path = "/v" + std::to_string(v) + "/" + std::to_string(seq) + ".ts";
+      plan.segments.push_back({seq, path, "/k.key"});
+      Reply r = Reply::ok(test::segment_bytes(v, seq, kSegment));
+      r.encrypt_key = key;
+      if (seq == 2) r = Reply::status_only(404);  // lost in every variant
+      origin.set(path, r);
+      r.stall_at = kSegment / 2;  // the first time, cut by the client's receive time-out
+      r.stall_for = 60s;
+      if (seq == 3) origin.push_next(path, r);
+    }
+    origin.set("/v" + std::to_string(v) + ".m3u8", Reply::ok(test::media_playlist(origin, plan)));
+  }
+  origin.set("/master.m3u8", Reply::ok(test::master_playlist(
+                                 origin, {{300000, "/v0.m3u8"}, {800000, "/v1.m3u8"}})));
+
+  test::TestServer server;
+  const auto before = scrape(server.port());
+  const auto r = test::fetch_stream(server.port(), origin.url("/master.m3u8"), 120s);
+  ASSERT_TRUE(r.closed);
+  std::string body;
+  auto after = scrape(server.port(), &body);
+  for (auto& [name, value] : after) value -= before.count(name) ? before.at(name) : 0;
+
+  EXPECT_EQ(after["skerir_streams_started_total"], 1);
+  EXPECT_EQ(after["skerir_client_bytes_sent_total"], static_cast<double>(r.body.size()));
+  EXPECT_EQ(r.body.size(), 3 * kSegment);
+  EXPECT_EQ(after["skerir_segments_fetched_total"], 3);
+  EXPECT_EQ(after["skerir_segments_failed_total"], 1);
+  EXPECT_EQ(after["skerir_segment_resumes_total"], 1);
+  EXPECT_EQ(after["skerir_key_fetches_total"], 1);
+  EXPECT_EQ(after["skerir_variant_switches_total{direction=\"up\"}"], 1);
+  EXPECT_EQ(after["skerir_variant_switches_total{direction=\"down\"}"], 0);
+  EXPECT_GE(after["skerir_upstream_requests_total{outcome=\"ok\"}"], 8);
+  EXPECT_GE(after["skerir_upstream_requests_total{outcome=\"http_error\"}"], 4);
+  EXPECT_EQ(after["skerir_upstream_requests_total{outcome=\"connect_error\"}"], 0);
+  EXPECT_EQ(after["skerir_upstream_requests_total{outcome=\"url_error\"}"], 0);
+  EXPECT_EQ(samples(body)["skerir_stats_selected_profile"], 800000 >> 10);
+  // The stream left the registry before its socket was closed.
+  EXPECT_EQ(samples(body)["skerir_streams_active"], 0);
+  EXPECT_EQ(samples(body)["skerir_connections_open"], 1);  // the scrape itself
+
+  // The parser Prometheus's own client library uses, from Debian's python3-prometheus-client.
+  const char* python = "/usr/bin/python3";
+  const std::string file = ::testing::TempDir() + "metrics.txt";
+  std::ofstream(file) << body;
+  test::ChildProcess check(python, {"-c", R"(
+import sys
+try:
+    from prometheus_client.parser import text_string_to_metric_families
+except ImportError:
+    sys.exit(3)
+families = list(text_string_to_metric_families(open(sys.argv[1]).read()))
+bad = [f.name for f in families if not f.documentation or f.type == "unknown"]
+print(len(families), "families", "without HELP or TYPE:", bad))",
+                                    file});
+  const int status = check.wait_exit(60s);
+  if (status == 3 || status == 127) GTEST_SKIP() << "no prometheus_client for " << python;
+  EXPECT_EQ(status, 0) << check.err();
+  EXPECT_EQ(check.out(), "15 families without HELP or TYPE: []\n") << check.err();
+}
+
+TEST(Metrics, StreamListIsValidJsonAndHidesHeaderValues) {
+  EXPECT_EQ(mask_header_values("http://o/m.m3u8"), "http://o/m.m3u8");
+  EXPECT_EQ(mask_header_values("http://o/m.m3u8|User-Agent=Foo/1.0&Cookie=a=b|X=&Y"),
+            "http://o/m.m3u8|User-Agent=…&Cookie=…|X=…&Y");
+  EXPECT_EQ(ResourceStreams::body({}), "[]\n");
+
+  auto a = std::make_shared<StreamStatus>();
+  a->id = 7;
+  a->client = "[::1]:40000";
+  a->url = "http://o/\"q\"\\\x01\xC3\xA9\xFF\xED\xA0\x80";  // quote, backslash, control, é, junk
+  a->started = 1700000000;
+  a->counters.selected_bandwidth = 800000;
+  a->counters.sent(5);
+  a->counters.buffer_bytes = 6;
+  a->counters.segment_fetched(2400);
+  a->counters.segment_failed();
+  auto b = std::make_shared<StreamStatus>();
+  b->id = 8;
+  EXPECT_EQ(
+      ResourceStreams::body({a, b}),
+      "[\n{\"id\":7,\"client\":\"[::1]:40000\",\"url\":\"http://o/\\\"q\\\"\\\\\\u0001\xC3\xA9"
+      "\\ufffd\\ufffd\\ufffd\\ufffd\",\"start_time\":1700000000,\"selected_bandwidth\":800000,"
+      "\"bytes_sent\":5,\"buffer_bytes\":6,\"last_segment_speed\":2400,"
+      "\"segments_fetched\":1,\"segments_failed\":1},\n"
+      "{\"id\":8,\"client\":\"\",\"url\":\"\",\"start_time\":0,\"selected_bandwidth\":0,"
+      "\"bytes_sent\":0,\"buffer_bytes\":0,\"last_segment_speed\":0,"
+      "\"segments_fetched\":0,\"segments_failed\":0}\n]\n");
+}
+
+}  // namespace
+}  // namespace skerir
