@@ -8,13 +8,15 @@
 #        SKERIR_FUZZ_SECONDS=300 SKERIR_TEST_BUILDS=fuzz scripts/test.sh   (fuzz for longer)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh media
+scripts/setup.sh test
 
 builds=${SKERIR_TEST_BUILDS:-normal asan tsan fuzz}
 jobs=$(nproc)
 build() {  # build <dir> <extra cmake args...>
   local dir=$1; shift
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  # Tests on explicitly: the run command may have configured the same directory without them.
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSKERIR_BUILD_TESTS=ON "$@" \
+    >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
 total_passed=0
