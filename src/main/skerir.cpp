@@ -56,9 +56,10 @@ constexpr int kOwnMappingBytes = 128 * 1024;
 
 void return_large_blocks_to_the_system() { mallopt(M_MMAP_THRESHOLD, kOwnMappingBytes); }
 
-// How long a stopping process waits for its connections to end. Streams notice the stop
-// within a fraction of a second; an engine thread stuck in an upstream time-out is not waited
-// for beyond this, so the process is gone within three seconds of the signal.
+// How long a stopping process waits for its connections to end. A stream ends as soon as its
+// engine's threads are joined, and a fill thread notices the stop between two upstream reads,
+// which wait 2 s at most; a thread stuck longer (a 6 s status-line wait) is not waited for,
+// so the process is gone within three seconds of the signal.
 constexpr auto kStopGrace = std::chrono::milliseconds(2500);
 constexpr int kStopPollMs = 20;
 
