@@ -125,16 +125,20 @@ TEST(Operating, ServesEveryAddressGuardsTheMapsAndEndsStreamsOnSigterm) {
       << s.process->err();
 }
 
-TEST(Operating, AStuckUpstreamBoundsTheStopAndASecondSignalEndsItAtOnce) {
+TEST(Operating, StuckAndRefusedUpstreamsBoundTheStopAndASecondSignalEndsItAtOnce) {
   test::ScriptedOrigin origin;
   Reply stuck = Reply::ok("#EXTM3U\n");
   stuck.stall_before_headers = 60s;  // the stream's thread waits on upstream, not on the client
   origin.set("/stuck.m3u8", stuck);
   for (const bool second : {false, true}) {
-    Skerir s = start({});
+    Skerir s = start({"--upstream-allow", origin.authority()});
     ASSERT_TRUE(s.process) << "no free port";
     const int client = open_stream(s.port, origin.url("/stuck.m3u8"));
     ASSERT_TRUE(origin.wait_for_requests("/stuck.m3u8", second ? 2 : 1, 30s));
+    // Outside the list: refused before connecting, and retried for longer than a stop waits.
+    const int refused = open_stream(s.port, "http://127.0.0.1:1/x.m3u8");
+    ASSERT_TRUE(
+        s.process->wait_for_output("Excep: upstream not allowed: 127.0.0.1:1\n", 30s, true));
     ::kill(s.process->pid(), SIGTERM);
     if (second) {
       ASSERT_TRUE(s.process->wait_for_output("stopping on SIGTERM", 30s, true));
@@ -143,10 +147,11 @@ TEST(Operating, AStuckUpstreamBoundsTheStopAndASecondSignalEndsItAtOnce) {
     // Exiting at all shows the wait is bounded: the upstream would hold the stream for a minute.
     EXPECT_EQ(s.process->wait_exit(30s), second ? 128 + SIGINT : 0);
     EXPECT_NE(s.process->err().find(second ? "stopping at once on a second SIGINT\n"
-                                           : "stopped with 1 connections still ending\n"),
+                                           : "stopped with 2 connections still ending\n"),
               std::string::npos)
         << s.process->err();
     ::close(client);
+    ::close(refused);
   }
 }
 
