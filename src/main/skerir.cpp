@@ -68,8 +68,7 @@ constexpr int kStopPollMs = 20;
 // finishes its engine, joining its threads). A second signal ends the wait and the process.
 int stop(StopSignals& signals, int signo) {
   ConnectionRegistry& registry = ConnectionRegistry::process();
-  log_err("stopping on ", stop_signal_name(signo), ": ending ", registry.stream_count(),
-          " streams");
+  log_err("stopping on ", stop_signal_name(signo), "; streams running: ", registry.stream_count());
   registry.shut_down_all();
   const auto deadline = std::chrono::steady_clock::now() + kStopGrace;
   while (registry.connection_count() != 0 && std::chrono::steady_clock::now() < deadline) {
@@ -81,7 +80,7 @@ int stop(StopSignals& signals, int signo) {
     }
   }
   if (const size_t left = registry.connection_count(); left != 0) {
-    log_err("stopped with ", left, " connections still ending");
+    log_err("stopped; connections still ending: ", left);
     // Their threads may still be inside an upstream wait; nothing they hold needs saving.
     ::_exit(0);
   }

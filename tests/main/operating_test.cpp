@@ -121,7 +121,7 @@ TEST(Operating, ServesEveryAddressGuardsTheMapsAndEndsStreamsOnSigterm) {
   EXPECT_TRUE(test::read_until_close(client, &rest, 5s));  // the client sees the body end
   ::close(client);
   EXPECT_TRUE(s.process->err().ends_with(
-      "stopping on SIGTERM: ending 1 streams\nmpl finish and cleanup!\nstopped\n"))
+      "stopping on SIGTERM; streams running: 1\nmpl finish and cleanup!\nstopped\n"))
       << s.process->err();
 }
 
@@ -147,7 +147,7 @@ TEST(Operating, StuckAndRefusedUpstreamsBoundTheStopAndASecondSignalEndsItAtOnce
     // Exiting at all shows the wait is bounded: the upstream would hold the stream for a minute.
     EXPECT_EQ(s.process->wait_exit(30s), second ? 128 + SIGINT : 0);
     EXPECT_NE(s.process->err().find(second ? "stopping at once on a second SIGINT\n"
-                                           : "stopped with 2 connections still ending\n"),
+                                           : "stopped; connections still ending: 2\n"),
               std::string::npos)
         << s.process->err();
     ::close(client);
