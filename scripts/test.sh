@@ -9,7 +9,7 @@
 #        SKERIR_FUZZ_SECONDS=300 SKERIR_TEST_BUILDS=fuzz scripts/test.sh   (fuzz for longer)
 set -uo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh media || exit 1
+scripts/setup.sh test || exit 1
 
 builds=${SKERIR_TEST_BUILDS:-normal asan tsan fuzz}
 jobs=$(nproc)
@@ -17,8 +17,9 @@ passed=0 failed=0
 
 build() {  # build <dir> <extra cmake args...>
   local dir=$1; shift
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null &&
-    cmake --build "$dir" -j "$jobs"
+  # Tests on explicitly: the run command may have configured the same directory without them.
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSKERIR_BUILD_TESTS=ON "$@" \
+    >/dev/null && cmake --build "$dir" -j "$jobs"
 }
 
 run_ctest() {  # run_ctest <dir> <ctest args...>: adds its counts to the totals

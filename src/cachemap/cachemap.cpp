@@ -2,6 +2,7 @@
 
 #include "cachemap/crc32.h"
 #include "util/log.h"
+#include "util/metrics.h"
 #include "util/strings.h"
 
 namespace skerir {
@@ -107,6 +108,7 @@ void CacheMap::invalidateServer(std::string server) {
     for (CacheServer& s : ring.servers) {
       if (!s.alive || s.name != server) continue;
       s.alive = false;
+      count(metrics().cache_servers_invalidated);
       if (ring.alive_count > 0) --ring.alive_count;
     }
   }

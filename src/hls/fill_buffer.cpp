@@ -6,6 +6,7 @@
 #include "resources/resource_stats.h"
 #include "upstream/ucurl.h"
 #include "util/log.h"
+#include "util/metrics.h"
 #include "util/thread_priority.h"
 
 namespace skerir {
@@ -96,6 +97,7 @@ bool MasterPlaylist::fill_buffer() {
         log_out("getting new decryption key from: ", chunk.key_url);
         // Updated before the fetch: a failed key fetch is not repeated for the same URL.
         key_url = chunk.key_url;
+        count(metrics().key_fetches);
         UCurl key_client;
         key_client.get(key_url, &key);
       }
@@ -106,8 +108,10 @@ bool MasterPlaylist::fill_buffer() {
       sleep_unless_finishing(std::chrono::seconds(1));
       log_err("retry chunk get from ", chunk.url, " starting from byte ", curl.stream_pos);
       from_bytes = curl.stream_pos;
+      if (from_bytes != 0) count(metrics().segment_resumes);
     }
 
+    if (received == -1) counters->segment_failed();
     if (received != -1) {
       failed_chunks = 0;
       log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", received,
@@ -115,7 +119,9 @@ bool MasterPlaylist::fill_buffer() {
       last_seq = chunk.sequence;
       if (chunk.is_last) should_finish = true;
 
-      if (!stats->record_segment(saturate_speed(speed), buffer->size.load(), selected->bandwidth)) {
+      const uint64_t s = saturate_speed(speed);
+      counters->segment_fetched(s);
+      if (!stats->record_segment(s, buffer->size.load(), selected->bandwidth)) {
         log_err("sudden speed drop! falling down immediately!");
         exit = Exit::kSpeedEvent;
         break;

@@ -24,6 +24,7 @@
 
 #include "hls/variant_playlist.h"
 #include "upstream/ucurl.h"
+#include "util/metrics.h"
 
 namespace skerir {
 
@@ -104,6 +105,9 @@ class MasterPlaylist {
   PlaylistVariantDef* selected = nullptr;
   std::unique_ptr<VariantPlaylist> variant;
   std::atomic<bool> should_finish{false};
+  // Where this stream's figures are counted; the stream endpoint replaces it with the record
+  // "/streams.json" shows, before start_refreshing.
+  std::shared_ptr<StreamCounters> counters = std::make_shared<StreamCounters>();
 
  private:
   // Waits `duration`, or less once should_finish is set (finish() wakes it), so the timer's

@@ -6,6 +6,7 @@
 #include "hls/master_playlist.h"
 #include "resources/resource_stats.h"
 #include "util/log.h"
+#include "util/metrics.h"
 
 namespace skerir {
 namespace {
@@ -57,6 +58,7 @@ bool MasterPlaylist::select_variant() {
     }
   }
 
+  const PlaylistVariantDef* previous = selected;  // points into `variants`, which stays put
   selected = nullptr;
   variant.reset();
 
@@ -82,6 +84,11 @@ bool MasterPlaylist::select_variant() {
     }
   }
   selected = best;
+  counters->selected_bandwidth.store(best->bandwidth, std::memory_order_relaxed);
+  if (previous != nullptr && best->bandwidth != previous->bandwidth) {
+    count(best->bandwidth > previous->bandwidth ? metrics().variant_switches_up
+                                                : metrics().variant_switches_down);
+  }
 
   // The lowest bandwidth strictly above best; the highest entry when none lies between.
   PlaylistVariantDef* higher = highest;

@@ -1,13 +1,17 @@
 #include "main/request.h"
 
+#include <openssl/crypto.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
 
 #include "main/response.h"
+#include "resources/connection_registry.h"
+#include "resources/resource_metrics.h"
 #include "resources/resource_stats.h"
 #include "resources/resource_stream.h"
+#include "resources/resource_streams.h"
 #include "resources/resource_updatecachemap.h"
 #include "resources/watchdog.h"
 #include "util/log.h"
@@ -36,17 +40,22 @@ void* do_request_start(void* arg) {
 }
 
 void Request::start() {
-  try {
-    parse_resource();
-    skip_headers();
-    route();
-  } catch (const Http406& e) {
-    respond_406(e.what());
-  } catch (const std::exception& e) {
-    // A failure inside an endpoint ends this request only.
-    log_err("Excep: ", e.what());
-  } catch (...) {
-    log_err("Excep: unknown");
+  {
+    // Registered for shutdown while served, and unregistered before the close below, so
+    // shutdown never touches the descriptor number once it can be reused.
+    ConnectionRegistry::Connection registered(ConnectionRegistry::process(), socket);
+    try {
+      parse_resource();
+      skip_headers();
+      route();
+    } catch (const Http406& e) {
+      respond_406(e.what());
+    } catch (const std::exception& e) {
+      // A failure inside an endpoint ends this request only.
+      log_err("Excep: ", e.what());
+    } catch (...) {
+      log_err("Excep: unknown");
+    }
   }
   ::close(socket);
 }
@@ -60,10 +69,7 @@ void Request::route() {
       serve_stream();
     }
   } else if (resource == "/update-cache-map") {
-    // HEAD updates too: the method is not looked at on this path.
-    std::string* chunk = get_param("chunk");
-    std::string* playlist = get_param("playlist");
-    ResourceUpdateCacheMap(socket, chunk, playlist).serve();
+    update_cache_map();  // HEAD updates too: the method is not looked at on this path
   } else if (resource == "/stats.json") {
     if (head) {
       reply_header_only(200, "OK", "application/json");
@@ -74,10 +80,36 @@ void Request::route() {
     Response reply(socket, 200, "OK", "application/json");
     if (!head) watchdog->ping();
     reply.send();
+  } else if (resource == "/metrics") {
+    if (head) {
+      reply_header_only(200, "OK", kMetricsContentType);
+    } else {
+      ResourceMetrics(socket, stats, &ConnectionRegistry::process()).serve();
+    }
+  } else if (resource == "/streams.json") {
+    if (head) {
+      reply_header_only(200, "OK", "application/json");
+    } else {
+      ResourceStreams(socket, &ConnectionRegistry::process()).serve();
+    }
   } else {
     log_err("not found");
     respond_404(resource);
   }
+}
+
+void Request::update_cache_map() {
+  if (map_token != nullptr && !map_token->empty()) {
+    const std::string* token = get_param("token");
+    // Compared in constant time, so the reply time tells nothing about how much matched.
+    if (token == nullptr || token->size() != map_token->size() ||
+        CRYPTO_memcmp(token->data(), map_token->data(), token->size()) != 0) {
+      log_err("update-cache-map refused: ", token == nullptr ? "no token" : "wrong token");
+      Response(socket, 403, "Forbidden", "plain/text").send();
+      return;
+    }
+  }
+  ResourceUpdateCacheMap(socket, get_param("chunk"), get_param("playlist")).serve();
 }
 
 void Request::serve_stream() {

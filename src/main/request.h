@@ -82,10 +82,14 @@ class Request {
   std::vector<Param> params;
   Stats* stats;
   Watchdog* watchdog;
+  // When not null and not empty, "/update-cache-map" needs "token=" with this value. Owned by
+  // the listener, which outlives every connection.
+  const std::string* map_token = nullptr;
 
  private:
   void route();
   void serve_stream();
+  void update_cache_map();
   void reply_header_only(int code, const std::string& message, const std::string& type);
 };
 

@@ -26,4 +26,12 @@ void Response::send() {
   [[maybe_unused]] ssize_t n = ::write(socket_, block.data(), block.size());
 }
 
+void send_body(int socket, std::string_view body) {
+  while (!body.empty()) {
+    const ssize_t n = ::write(socket, body.data(), body.size());
+    if (n <= 0) return;
+    body.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
 }  // namespace skerir

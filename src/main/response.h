@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace skerir {
 
@@ -22,5 +23,9 @@ class Response {
   std::string message_;
   std::string content_type_;
 };
+
+// Writes all of `body` (after the header block), in as many writes as the socket takes;
+// stops silently at the first failed write.
+void send_body(int socket, std::string_view body);
 
 }  // namespace skerir

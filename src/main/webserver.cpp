@@ -1,6 +1,7 @@
 #include "main/webserver.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -18,10 +19,18 @@
 namespace skerir {
 
 Webserver::Webserver(unsigned int addr, int p, int bl, unsigned long max_buffer)
-    : address(addr),
-      port(p),
+    : Webserver(std::vector{ListenAddress::ipv4(addr, p)}, bl, max_buffer) {
+  address = addr;
+}
+
+Webserver::Webserver(std::vector<ListenAddress> addresses, int bl, unsigned long max_buffer)
+    : address(0),
+      port(addresses.empty()
+               ? 0
+               : ntohs(reinterpret_cast<const sockaddr_in&>(addresses.front().address).sin_port)),
       backlog(bl),
       max_buffer_size(max_buffer),
+      addresses_(std::move(addresses)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void Webserver::request_stop() {
@@ -30,30 +39,35 @@ void Webserver::request_stop() {
   [[maybe_unused]] ssize_t n = ::write(wake_.get(), &one, sizeof(one));
 }
 
-Webserver::~Webserver() {
-  if (listen_socket >= 0) ::close(listen_socket);
-}
+Webserver::~Webserver() = default;
 
 void Webserver::do_bind() {
-  listen_socket = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (listen_socket < 0) throw ListenerError("Couldn't create listening socket!");
-  int one = 1;
-  ::setsockopt(listen_socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-  sockaddr_in sa{};
-  sa.sin_family = AF_INET;
-  sa.sin_addr.s_addr = htonl(address);
-  sa.sin_port = htons(static_cast<uint16_t>(port));
-  if (::bind(listen_socket, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) < 0) {
-    throw ListenerError("Couldn't bind listening socket.");
+  for (const ListenAddress& a : addresses_) {
+    UniqueFd fd(::socket(a.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) throw ListenerError("Couldn't create listening socket!");
+    int one = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (a.family() == AF_INET6) {
+      ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof(one));
+    }
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&a.address), a.length) < 0) {
+      throw ListenerError("Couldn't bind listening socket.");
+    }
+    if (::listen(fd.get(), backlog) < 0) throw ListenerError("Call to listen failed.");
+    // Never block in accept(): a connection reset between poll() and accept() must not hold
+    // up the other listeners.
+    ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) | O_NONBLOCK);
+    listeners_.push_back(std::move(fd));
   }
-  if (::listen(listen_socket, backlog) < 0) throw ListenerError("Call to listen failed.");
+  listen_socket = listeners_.empty() ? -1 : listeners_.front().get();
 }
 
 int Webserver::bound_port() const {
-  sockaddr_in sa{};
+  sockaddr_storage sa{};
   socklen_t len = sizeof(sa);
   if (::getsockname(listen_socket, reinterpret_cast<sockaddr*>(&sa), &len) < 0) return -1;
-  return ntohs(sa.sin_port);
+  return ntohs(sa.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(sa).sin6_port
+                                        : reinterpret_cast<const sockaddr_in&>(sa).sin_port);
 }
 
 namespace {
@@ -87,34 +101,48 @@ void Webserver::serve_forever() {
   create_cache_maps();  // shared by every listener of the process, created once
   serving_.store(true);
 
+  // The wake-up descriptors first, then one entry per listener.
+  std::vector<pollfd> pfds = {{wake_.get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+  for (const UniqueFd& l : listeners_) pfds.push_back({l.get(), POLLIN, 0});
+  constexpr size_t kFirstListener = 2;
+
   while (!stop_.load()) {
     watchdog_->check();
-    pollfd pfds[2] = {{listen_socket, POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-    if (::poll(pfds, 2, kAcceptWaitMs) <= 0 || !(pfds[0].revents & POLLIN)) continue;
-
-    const int client = ::accept(listen_socket, nullptr, nullptr);
-    if (client < 0) {
-      const int err = errno;
-      if (!accept_error_is_transient(err)) throw ListenerError("Error calling accept()");
-      log_err("Error calling accept(): ", std::strerror(err));
-      // Out of descriptors: give the connection threads a moment to release some.
-      if (err == EMFILE || err == ENFILE) ::usleep(100 * 1000);
-      continue;
+    for (pollfd& p : pfds) p.revents = 0;
+    if (::poll(pfds.data(), pfds.size(), kAcceptWaitMs) <= 0) continue;
+    if (pfds[1].revents != 0) break;  // a stop signal; the caller takes it from the descriptor
+    for (size_t i = kFirstListener; i < pfds.size(); ++i) {
+      if (pfds[i].revents & POLLIN) accept_one(pfds[i].fd, client_timeout);
     }
-    if (::setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &client_timeout, sizeof(client_timeout)) <
-        0) {
-      throw ListenerError("setsockopt failed SO_RCVTIMEO");
-    }
-    if (::setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &client_timeout, sizeof(client_timeout)) <
-        0) {
-      throw ListenerError("setsockopt failed SO_SNDTIMEO");
-    }
-    process_request(client, &stats_, watchdog_.get());
   }
+  // Stop accepting: from here on a client is refused instead of waiting in the backlog.
+  listeners_.clear();
+  listen_socket = -1;
+}
+
+void Webserver::accept_one(int listener, const timeval& client_timeout) {
+  const int client = ::accept(listener, nullptr, nullptr);
+  if (client < 0) {
+    const int err = errno;
+    if (err == EAGAIN || err == EWOULDBLOCK) return;  // the client left before we took it
+    if (!accept_error_is_transient(err)) throw ListenerError("Error calling accept()");
+    log_err("Error calling accept(): ", std::strerror(err));
+    // Out of descriptors: give the connection threads a moment to release some.
+    if (err == EMFILE || err == ENFILE) ::usleep(100 * 1000);
+    return;
+  }
+  if (::setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &client_timeout, sizeof(client_timeout)) < 0) {
+    throw ListenerError("setsockopt failed SO_RCVTIMEO");
+  }
+  if (::setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &client_timeout, sizeof(client_timeout)) < 0) {
+    throw ListenerError("setsockopt failed SO_SNDTIMEO");
+  }
+  process_request(client, &stats_, watchdog_.get());
 }
 
 int Webserver::process_request(int socket, Stats* stats, Watchdog* watchdog) {
   auto request = std::make_unique<Request>(socket, max_buffer_size, stats, watchdog);
+  request->map_token = &map_token;
   const int rc = request->process();
   if (rc == 0) {
     request.release();  // the connection thread owns it now

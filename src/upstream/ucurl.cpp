@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "cachemap/cachemap.h"
+#include "upstream/upstream_policy.h"
 #include "util/log.h"
 
 namespace skerir {
@@ -226,6 +227,13 @@ bool UCurl::do_connect(std::string host_name, int port_number) {
   }
   server_addr.sin_family = AF_INET;
   server_addr.sin_port = htons(static_cast<uint16_t>(port_number));
+  // The operator's allow list is judged on the address about to be connected to.
+  if (!upstream_policy()->allowed(host_name, port_number,
+                                  reinterpret_cast<const sockaddr*>(&server_addr))) {
+    log_err("Excep: upstream not allowed: ", host_name, ":", port_number);
+    do_disconnect();
+    return false;
+  }
   setnonblock(fd);
 
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&server_addr), sizeof(server_addr)) != 0) {

@@ -5,6 +5,7 @@
 
 #include "upstream/ucurl.h"
 #include "util/log.h"
+#include "util/metrics.h"
 #include "util/strings.h"
 
 namespace skerir {
@@ -100,22 +101,26 @@ bool UCurl::get_common(std::string url, std::string* response, bool keep_alive,
         std::this_thread::sleep_for(std::chrono::seconds(1));
       }
     }
+    UpstreamAttempt counted;
     try {
       parse_url(&url);
     } catch (const std::exception& e) {
       log_err("Excep: ", e.what());
       do_disconnect();
+      counted.outcome = UpstreamOutcome::kUrlError;
       continue;
     }
     if (!do_connect(host, port)) {
       log_out("Trying to reconnect when connecting");
       do_disconnect();
+      counted.outcome = UpstreamOutcome::kConnectError;
       continue;
     }
     if (from_bytes != 0) log_err("DEBUG: from bytes specified! ", from_bytes);
     if (!send_data(build_request(path, host, port, keep_alive, from_bytes))) {
       log_out("Trying to reconnect when send data");
       do_disconnect();
+      counted.outcome = UpstreamOutcome::kSendError;
       continue;
     }
     const int state = get_read_response_state(response);
@@ -123,6 +128,7 @@ bool UCurl::get_common(std::string url, std::string* response, bool keep_alive,
       // Despite its words, a refusal ends the call: asking again would get the same answer.
       log_out("Trying to reconnect when http != 200");
       do_disconnect();
+      counted.outcome = UpstreamOutcome::kHttpError;
       return false;
     }
     if (state == -1) {
@@ -131,6 +137,7 @@ bool UCurl::get_common(std::string url, std::string* response, bool keep_alive,
       continue;
     }
     get_read_response_headers(response, &headers);
+    counted.outcome = UpstreamOutcome::kOk;
     return true;
   }
   return false;

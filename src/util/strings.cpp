@@ -1,5 +1,7 @@
 #include "util/strings.h"
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
@@ -56,5 +58,62 @@ std::string& rtrim(std::string& s) {
 }
 
 std::string& trim(std::string& s) { return ltrim(rtrim(s)); }
+
+namespace {
+
+// Length of the well-formed UTF-8 sequence at the start of `s` (RFC 3629: no overlong forms,
+// no surrogates, nothing above U+10FFFF), or 0 when it is not one.
+size_t utf8_sequence_length(std::string_view s) {
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(s[i]); };
+  const uint8_t b0 = byte(0);
+  size_t len = 0;
+  uint8_t lo = 0x80, hi = 0xBF;  // allowed range of the second byte
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    len = 2;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    len = 3;
+    if (b0 == 0xE0) lo = 0xA0;
+    if (b0 == 0xED) hi = 0x9F;
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    len = 4;
+    if (b0 == 0xF0) lo = 0x90;
+    if (b0 == 0xF4) hi = 0x8F;
+  } else {
+    return 0;
+  }
+  if (s.size() < len || byte(1) < lo || byte(1) > hi) return 0;
+  for (size_t i = 2; i < len; ++i) {
+    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+  }
+  return len;
+}
+
+}  // namespace
+
+std::string json_escape(std::string_view s) {
+  std::string out;
+  out.reserve(s.size());
+  while (!s.empty()) {
+    const auto c = static_cast<uint8_t>(s.front());
+    size_t take = 1;
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char hex[8];
+      std::snprintf(hex, sizeof(hex), "\\u%04x", c);
+      out += hex;
+    } else if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if ((take = utf8_sequence_length(s)) != 0) {
+      out.append(s.substr(0, take));
+    } else {
+      take = 1;
+      out += "\\ufffd";
+    }
+    s.remove_prefix(take);
+  }
+  return out;
+}
 
 }  // namespace skerir

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace skerir {
@@ -24,5 +25,10 @@ int isspace(int c);
 std::string& ltrim(std::string& s);
 std::string& rtrim(std::string& s);
 std::string& trim(std::string& s);
+
+// `s` as the inside of a JSON string: quote, backslash and control characters escaped, valid
+// UTF-8 kept as it is, and every byte that is not part of valid UTF-8 replaced by U+FFFD, so
+// any bytes a client sent make valid JSON.
+std::string json_escape(std::string_view s);
 
 }  // namespace skerir

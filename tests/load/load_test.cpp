@@ -61,7 +61,7 @@ class Load {
  public:
   Load() : cache_a_(std::make_unique<ScriptedOrigin>()) {
     const std::string ring = cache_a_->authority() + "," + cache_b_.authority();
-    test::exchange(
+    test::roundtrip(
         kPort, "GET /update-cache-map?chunk=" + ring + "&playlist=" + ring + " HTTP/1.0\r\n\r\n");
   }
 

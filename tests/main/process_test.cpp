@@ -21,7 +21,7 @@ TEST(Process, StartsAsItsOneArgumentSays) {
 
   ChildProcess p(test::skerir_binary(), {"abc"});
   ASSERT_TRUE(test::wait_listening(7744)) << p.err();
-  EXPECT_NE(test::exchange(7744, "GET /stats.json HTTP/1.1\r\n\r\n")
+  EXPECT_NE(test::roundtrip(7744, "GET /stats.json HTTP/1.1\r\n\r\n")
                 .find("\r\n\r\n{\"last_chunk_speed\": 0,"),
             std::string::npos);
 

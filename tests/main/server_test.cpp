@@ -15,7 +15,7 @@ namespace skerir {
 namespace {
 
 using namespace std::chrono_literals;
-using test::exchange;
+using test::roundtrip;
 
 std::string header_block(const std::string& status, const std::string& type) {
   return "HTTP/1.0 " + status + "\r\nContent-Type: " + type +
@@ -51,13 +51,13 @@ TEST(FrontEnd, RepliesAreExactForEveryRouteAndMalformedLine) {
       {std::string(5000, 'A') + "\r\n\r\n", kInvalid},
       {"GET /" + std::string(4200, 'p') + " HTTP/1.1\r\n\r\n", kInvalid},  // version cut off
   };
-  for (const auto& c : cases) EXPECT_EQ(exchange(server.port(), c.request), c.reply) << c.request;
+  for (const auto& c : cases) EXPECT_EQ(roundtrip(server.port(), c.request), c.reply) << c.request;
   EXPECT_EQ(kJsonOk.size(), 145u);
   EXPECT_EQ(test::LogCapture::instance().count("not found", true), 4u);
 
   server.stats().last_chunk_speed = 18446744073709551615ull;
   server.stats().avg_speed = 2213;
-  EXPECT_EQ(exchange(server.port(), "GET /stats.json HTTP/1.0\r\n\r\n"),
+  EXPECT_EQ(roundtrip(server.port(), "GET /stats.json HTTP/1.0\r\n\r\n"),
             kJsonOk +
                 "{\"last_chunk_speed\": 18446744073709551615,\"avg_speed\": 2213,"
                 "\"cbuff_size\": 0,\"selected_profile\": 0}\n");
@@ -67,15 +67,16 @@ TEST(FrontEnd, CacheMapUpdateReplacesOnlyTheMapsNamed) {
   test::TestServer server;
   const std::string ok = kJsonOk + "\"OK\"\n";
   EXPECT_EQ(
-      exchange(server.port(), "GET /update-cache-map?chunk=a,b;c&playlist=p HTTP/1.1\r\n\r\n"), ok);
+      roundtrip(server.port(), "GET /update-cache-map?chunk=a,b;c&playlist=p HTTP/1.1\r\n\r\n"),
+      ok);
   EXPECT_EQ(cache_map->getServerFor("/x/y/z"), "a");  // "x/y" hashes to rank 0 of 2
   cache_map->invalidateServer("a");
   // HEAD updates too; an absent parameter leaves its map (and dead servers) alone.
-  EXPECT_EQ(exchange(server.port(), "HEAD /update-cache-map?playlist=q,r HTTP/1.1\r\n\r\n"), ok);
+  EXPECT_EQ(roundtrip(server.port(), "HEAD /update-cache-map?playlist=q,r HTTP/1.1\r\n\r\n"), ok);
   EXPECT_EQ(cache_map->getServerFor("/x/y/z"), "b");
   EXPECT_EQ(cache_map_playlist->getServerFor("/x/y/z"), "q");
-  EXPECT_EQ(exchange(server.port(), "GET /update-cache-map HTTP/1.1\r\n\r\n"), ok);
-  EXPECT_EQ(exchange(server.port(), "GET /update-cache-map?playlist= HTTP/1.1\r\n\r\n"), ok);
+  EXPECT_EQ(roundtrip(server.port(), "GET /update-cache-map HTTP/1.1\r\n\r\n"), ok);
+  EXPECT_EQ(roundtrip(server.port(), "GET /update-cache-map?playlist= HTTP/1.1\r\n\r\n"), ok);
   EXPECT_EQ(cache_map_playlist->getServerFor("/x/y/z"), "");
   EXPECT_EQ(cache_map->getServerFor("/x/y/z"), "b");
 }
@@ -93,10 +94,10 @@ TEST(FrontEnd, SilentAndHugeClientsHoldUpNobody) {
   for (int i = 0; i < 1100; ++i) idle.push_back(test::connect_loopback(server.port()));
   EXPECT_GT(idle.back(), 1023);
   std::thread huge([&] {
-    EXPECT_EQ(exchange(server.port(), std::string(1 << 20, 'x') + "\r\n\r\n", 120s), kInvalid);
+    EXPECT_EQ(roundtrip(server.port(), std::string(1 << 20, 'x') + "\r\n\r\n", 120s), kInvalid);
   });
   for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(exchange(server.port(), "HEAD /stats.json HTTP/1.1\r\n\r\n", 10s), kJsonOk);
+    EXPECT_EQ(roundtrip(server.port(), "HEAD /stats.json HTTP/1.1\r\n\r\n", 10s), kJsonOk);
   }
   huge.join();
   for (int fd : idle) ::close(fd);
@@ -108,11 +109,12 @@ TEST(FrontEnd, StreamWithoutAUsableUrlEndsItsStreamOnly) {
   const std::string streaming = header_block("200 Streaming...", "application/octet-stream");
   for (const std::string query : {"", "?url=", "?url=ftp%3A%2F%2Fx%2Fm.m3u8", "?url=http",
                                   "?url=http%3A%2F%2F127.0.0.1%3A1%2Fm.m3u8&startFrom=zz"}) {
-    EXPECT_EQ(exchange(server.port(), "GET /stream" + query + " HTTP/1.1\r\n\r\n", 120s), streaming)
+    EXPECT_EQ(roundtrip(server.port(), "GET /stream" + query + " HTTP/1.1\r\n\r\n", 120s),
+              streaming)
         << query;
   }
   EXPECT_EQ(test::LogCapture::instance().count("start_refreshing failed!", true), 5u);
-  EXPECT_EQ(exchange(server.port(), "GET /stats.json HTTP/1.0\r\n\r\n"), kJsonOk + kZeroStats);
+  EXPECT_EQ(roundtrip(server.port(), "GET /stats.json HTTP/1.0\r\n\r\n"), kJsonOk + kZeroStats);
 }
 
 }  // namespace

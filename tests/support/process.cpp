@@ -61,4 +61,11 @@ int ChildProcess::wait_exit(std::chrono::milliseconds timeout) {
 std::string ChildProcess::out() const { return slurp(dir_ + "/out"); }
 std::string ChildProcess::err() const { return slurp(dir_ + "/err"); }
 
+bool ChildProcess::wait_for(const std::string& text, bool on_stderr) const {
+  for (int i = 0; i < 600; std::this_thread::sleep_for(std::chrono::milliseconds(50)), ++i) {
+    if ((on_stderr ? err() : out()).find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
 }  // namespace skerir::test

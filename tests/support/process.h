@@ -19,6 +19,8 @@ class ChildProcess {
   pid_t pid() const { return pid_; }
   std::string out() const;  // everything written so far
   std::string err() const;
+  // Waits up to 30 s until standard error (or output) holds `text`.
+  bool wait_for(const std::string& text, bool on_stderr = true) const;
 
  private:
   pid_t pid_;

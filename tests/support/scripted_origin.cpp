@@ -198,6 +198,15 @@ std::vector<RecordedRequest> ScriptedOrigin::requests(const std::string& path) c
   return out;
 }
 
+bool ScriptedOrigin::wait_for_requests(const std::string& path, size_t n,
+                                       std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] {
+    return std::count_if(requests_.begin(), requests_.end(),
+                         [&](const auto& r) { return r.target == path; }) >= static_cast<long>(n);
+  });
+}
+
 size_t ScriptedOrigin::connections_accepted() const {
   std::lock_guard lock(mutex_);
   return accepted_;
@@ -241,6 +250,7 @@ void ScriptedOrigin::serve(int fd, size_t id, bool* done) {
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(rec);
+      changed_.notify_all();
     }
     if (!respond(wire, rec.head, *take(rec.target))) break;
   }

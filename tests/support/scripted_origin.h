@@ -61,6 +61,7 @@ class ScriptedOrigin {
   void push_next(const std::string& path, Reply reply, size_t times = 1);
 
   std::vector<RecordedRequest> requests(const std::string& path = "") const;  // "": all
+  bool wait_for_requests(const std::string& path, size_t n, std::chrono::milliseconds timeout);
   size_t connections_accepted() const;
   bool wait_for_no_connections(std::chrono::milliseconds timeout) const;
 

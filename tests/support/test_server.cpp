@@ -41,6 +41,16 @@ bool wait_listening(int port) {
   return false;
 }
 
+int free_port() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sa{.sin_family = AF_INET, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  socklen_t len = sizeof(sa);
+  ::bind(fd, reinterpret_cast<sockaddr*>(&sa), len);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
+  ::close(fd);
+  return ntohs(sa.sin_port);
+}
+
 bool read_until_close(int fd, std::string* out, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   char buf[65536];
@@ -55,7 +65,7 @@ bool read_until_close(int fd, std::string* out, std::chrono::milliseconds timeou
   }
 }
 
-std::string exchange(int port, const std::string& request, std::chrono::milliseconds timeout) {
+std::string roundtrip(int port, const std::string& request, std::chrono::milliseconds timeout) {
   const int fd = connect_loopback(port);
   [[maybe_unused]] const ssize_t w = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
   ::shutdown(fd, SHUT_WR);
