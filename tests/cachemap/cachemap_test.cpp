@@ -65,21 +65,28 @@ TEST(CacheMap, HashIsBits16To30OfTheCommonCrc32) {
   }
 }
 
-TEST(CacheMap, ParsesRingsAsWrittenAndLogsThem) {
+TEST(CacheMap, ParsesRingsAsWrittenAndInvalidatesExactNamesOnce) {
   const struct {
-    std::string text, rings;
+    std::string text;
+    Lines invalidate;
+    std::string rings;
   } cases[] = {
-      {"c1,c2;c3", R"(2: "c1" "c2" | 1: "c3")"},
-      {"a,b;", R"(2: "a" "b")"},
-      {";a", R"(0: | 1: "a")"},
-      {"a, b", R"(2: "a" " b")"},
-      {"a,,b", R"(3: "a" "" "b")"},
-      {"a,a;a", R"(2: "a" "a" | 1: "a")"},
-      {"", ""},
+      {"c1,c2;c3", {}, R"(2: "c1" "c2" | 1: "c3")"},
+      {"a,b;", {}, R"(2: "a" "b")"},
+      {";a", {}, R"(0: | 1: "a")"},
+      {"a, b", {}, R"(2: "a" " b")"},
+      {"a,,b", {}, R"(3: "a" "" "b")"},
+      {"", {"a"}, ""},
+      {"a,b;b,c", {"b"}, R"(1: "a" "b"! | 1: "b"! "c")"},
+      {"a,b,c", {"b", "b"}, R"(2: "a" "b"! "c")"},
+      {"a,a", {"a"}, R"(0: "a"! "a"!)"},
+      {"a,b", {"A", "a ", "x", ""}, R"(2: "a" "b")"},
+      {"h:1,h:2", {"h"}, R"(2: "h:1" "h:2")"},
   };
   for (const auto& c : cases) {
     CacheMap map;
     map.setCacheMapString(c.text);
+    for (const auto& name : c.invalidate) map.invalidateServer(name);
     EXPECT_EQ(describe(map), c.rings) << c.text;
   }
   CacheMap map;
@@ -119,26 +126,6 @@ TEST(CacheMap, LookupWalksTheLiveServersOfTheFirstLiveRing) {
   map.setCacheMapString(";a,b,c;d");  // a new map revives every server
   EXPECT_EQ(map.getServerFor(path_with_index(1, 3)), "b");
   EXPECT_EQ(CacheMap().getServerFor("/a/b"), "");
-}
-
-TEST(CacheMap, InvalidationMatchesExactNamesAndCountsEachServerOnce) {
-  const struct {
-    std::string text;
-    Lines invalidate;
-    std::string rings;
-  } cases[] = {
-      {"a,b;b,c", {"b"}, R"(1: "a" "b"! | 1: "b"! "c")"},
-      {"a,b,c", {"b", "b"}, R"(2: "a" "b"! "c")"},
-      {"a,a", {"a"}, R"(0: "a"! "a"!)"},
-      {"a,b", {"A", "a ", "x", ""}, R"(2: "a" "b")"},
-      {"h:1,h:2", {"h"}, R"(2: "h:1" "h:2")"},
-  };
-  for (const auto& c : cases) {
-    CacheMap map;
-    map.setCacheMapString(c.text);
-    for (const auto& name : c.invalidate) map.invalidateServer(name);
-    EXPECT_EQ(describe(map), c.rings) << c.text;
-  }
 }
 
 }  // namespace

@@ -189,29 +189,5 @@ TEST_F(Stream, ClientThatPausesPastTheSendTimeOutLosesNothing) {
   EXPECT_TRUE(raw.substr(raw.find("\r\n\r\n") + 4) == bytes_of(p, delivered_segments(origin, p)));
 }
 
-TEST_F(Stream, ClientThatLeavesEndsItsEngineAndUpstreamConnections) {
-  const Presentation p{"leave", {500000}, 1, 40, 64 * 1024};
-  p.install(origin);
-  for (uint64_t seq = 1; seq <= 40; ++seq) {
-    Reply slow = Reply::ok(segment_bytes(0, seq, p.segment_size));
-    slow.rate = 256 * 1024;
-    origin.set(p.segment_path(0, seq), slow);
-  }
-  const int fd = connect_loopback(server.port());
-  const std::string req =
-      "GET /stream?url=" + url_encode(origin.url(p.master_path())) + " HTTP/1.1\r\n\r\n";
-  ASSERT_EQ(::send(fd, req.data(), req.size(), MSG_NOSIGNAL), static_cast<ssize_t>(req.size()));
-  char buf[65536];
-  for (size_t got = 0; got < 100000;) {
-    const ssize_t n = ::read(fd, buf, sizeof(buf));
-    ASSERT_GT(n, 0);
-    got += static_cast<size_t>(n);
-  }
-  ::close(fd);
-  EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
-  EXPECT_TRUE(origin.wait_for_no_connections(30s));
-  EXPECT_LT(delivered_segments(origin, p).size(), 40u);
-}
-
 }  // namespace
 }  // namespace skerir::test
