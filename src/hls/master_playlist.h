@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "hls/variant_playlist.h"
+#include "upstream/stream_url.h"
 #include "upstream/ucurl.h"
 #include "util/metrics.h"
 
@@ -108,6 +109,8 @@ class MasterPlaylist {
   // Where this stream's figures are counted; the stream endpoint replaces it with the record
   // "/streams.json" shows, before start_refreshing.
   std::shared_ptr<StreamCounters> counters = std::make_shared<StreamCounters>();
+  // Sent with every upstream request of the stream (the "|Name=Value" suffix of its URL).
+  HeaderList upstream_headers;
 
  private:
   // Waits `duration`, or less once should_finish is set (finish() wakes it), so the timer's

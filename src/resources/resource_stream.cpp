@@ -18,6 +18,7 @@
 #include "resources/connection_registry.h"
 #include "resources/resource_stats.h"
 #include "resources/resource_streams.h"
+#include "upstream/stream_url.h"
 #include "util/log.h"
 #include "util/metrics.h"
 
@@ -82,9 +83,14 @@ void ResourceStream::serve() {
   std::unique_ptr<MasterPlaylist> mpl;
   bool started = false;
   try {
-    if (url_ != nullptr) {
-      mpl = std::make_unique<MasterPlaylist>(*url_, &buffer, max_buffer_size_, stats_, startFrom_);
+    const StreamUrl target = split_stream_url(url_ != nullptr ? *url_ : "");
+    if (!target.error.empty()) {
+      log_err("Excep: ", target.error);
+    } else if (url_ != nullptr) {
+      mpl = std::make_unique<MasterPlaylist>(target.url, &buffer, max_buffer_size_, stats_,
+                                             startFrom_);
       mpl->counters = entry.counters();
+      mpl->upstream_headers = target.headers;
       started = mpl->start_refreshing();
     }
   } catch (const std::exception& e) {
