@@ -111,15 +111,17 @@ class Load {
       r.p.install(origin_);
       url = origin_.url(r.p.master_path());
     }
-    Reply bad = Reply::ok(segment_bytes(0, 2, r.p.segment_size));
-    if (r.fault == kStallHeaders) bad.stall_before_headers = 7s;  // beyond the status time-out
-    if (r.fault == kStallBody) bad.stall_at = 5000, bad.stall_for = 3s;
-    if (r.fault == kCut) bad.close_after = 3000;
-    if (r.fault == kStatus)
-      bad = rng() % 2 ? Reply::with_status(500) : Reply{.raw = "junk\r\n\r\n"};
-    if (r.fault >= kStallHeaders && r.fault <= kStatus)
-      origin_.push_next(r.p.segment_path(0, 2), bad);
-    if (r.fault == kPlaylist) origin_.push_next(r.p.playlist_path(0), Reply::with_status(404), 3);
+    for (int v = 0; v < 2; ++v) {  // whichever variant the stream is on
+      Reply bad = Reply::ok(segment_bytes(v, 2, r.p.segment_size));
+      if (r.fault == kStallHeaders) bad.stall_before_headers = 7s;  // beyond the status time-out
+      if (r.fault == kStallBody) bad.stall_at = 5000, bad.stall_for = 3s;
+      if (r.fault == kCut) bad.close_after = 3000;
+      if (r.fault == kStatus)
+        bad = rng() % 2 ? Reply::with_status(500) : Reply{.raw = "junk\r\n\r\n"};
+      if (r.fault >= kStallHeaders && r.fault <= kStatus)
+        origin_.push_next(r.p.segment_path(v, 2), bad);
+      if (r.fault == kPlaylist) origin_.push_next(r.p.playlist_path(v), Reply::with_status(404), 3);
+    }
     if (r.fault == kJunk) {
       origin_.set(r.p.master_path(), Reply::ok("#EXTM3U\n#EXT-X-VERSION:3\nnot a url\n"
                                                "#EXT-X-STREAM-INF:BANDWIDTH=400000\n" +
