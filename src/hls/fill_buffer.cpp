@@ -52,6 +52,14 @@ bool MasterPlaylist::fill_buffer() {
   if (should_finish) log_out("playlist chunks - should_finish");
   refresh_countdown = static_cast<int32_t>(target_duration * kRefreshShare);
 
+  // An encoder that restarts numbers its segments afresh: a window that lies wholly below the
+  // last segment delivered would be skipped for ever. Carry on from the start of the new one.
+  if (!chunks.empty() && chunks.back().sequence < last_seq) {
+    log_err("media sequence went back from ", last_seq, " to ", chunks.front().sequence,
+            "; continuing from the new window");
+    last_seq = chunks.front().sequence > 0 ? chunks.front().sequence - 1 : 0;
+  }
+
   log_out("start from: ", startFrom);
   const int64_t skip = startFrom >= 0 ? startFrom : static_cast<int64_t>(chunks.size()) + startFrom;
   startFrom = 0;  // only the first pass of a stream skips
@@ -155,6 +163,7 @@ bool MasterPlaylist::fill_buffer() {
       break;
     case Exit::kBufferFull:
       empty_reloads = 0;
+      waiting_for_room = true;
       break;
     case Exit::kSpeedEvent:
       refresh_countdown = 0;  // the timer reselects at its next tick

@@ -95,6 +95,7 @@ class MasterPlaylist {
   std::atomic<bool> fill_running{false};
   UCurl curl;  // segment client, kept across chunks and passes (keep-alive)
   std::atomic<int32_t> refresh_countdown{0};  // seconds
+  std::atomic<bool> waiting_for_room{false};  // the last pass stopped at a full buffer
   int32_t failed_chunks = 0;
   int32_t empty_reloads = 0;
   int32_t startFrom;

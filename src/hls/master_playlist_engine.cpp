@@ -2,6 +2,7 @@
 // each fill pass, and the teardown.
 #include <system_error>
 
+#include "buffer/cbuffer.h"
 #include "hls/master_playlist.h"
 #include "upstream/ucurl.h"
 #include "util/log.h"
@@ -72,6 +73,13 @@ bool MasterPlaylist::refresh_timer() {
   log_out("refresh timer called");
   if (should_finish) return true;
   do {
+    // After a pass that stopped at a full buffer, the next one starts once there is room again:
+    // with long segments, sitting out the whole countdown could leave the client without data
+    // for longer than the stream's no-data limit.
+    if (waiting_for_room && buffer->size.load() < max_buffer_size) {
+      waiting_for_room = false;
+      refresh_countdown = 0;
+    }
     if (refresh_countdown > 0) {
       log_out("not yet refresh time: ", refresh_countdown.load());
       --refresh_countdown;

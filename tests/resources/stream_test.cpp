@@ -96,6 +96,51 @@ TEST_F(Stream, LiveWindowFollowsWithoutGapsAndEndsAfterSixEmptyReloads) {
   EXPECT_EQ(LogCapture::instance().count("no new chunks in many playlist reloads", true), 1u);
 }
 
+TEST_F(Stream, AnEncoderRestartContinuesFromTheNewWindow) {
+  Presentation p{"restart", {500000}, 1, 12, 20 * 1024, 2, false};
+  p.install(origin);
+  origin.set(p.playlist_path(0), Reply::ok(p.media_playlist(origin, 0, 10, 3)));
+  std::thread encoder([&] {
+    LogCapture::instance().wait_for("got chunk (seq 12)", kDeadline);
+    origin.set(p.playlist_path(0), Reply::ok(p.media_playlist(origin, 0, 1, 3)));
+    LogCapture::instance().wait_for("got chunk (seq 3)", kDeadline);
+    p.endlist = true;
+    origin.set(p.playlist_path(0), Reply::ok(p.media_playlist(origin, 0, 1, 5)));
+  });
+  EXPECT_EQ(sequences(stream(p)), (std::vector<uint64_t>{10, 11, 12, 1, 2, 3, 4, 5}));
+  encoder.join();
+  EXPECT_EQ(LogCapture::instance().count(
+                "media sequence went back from 12 to 1; continuing from the new window", true),
+            1u);
+}
+
+TEST_F(Stream, LongSegmentsAndASmallBufferKeepASlowClientFed) {
+  const Presentation p{"long", {500000}, 1, 5, 1 << 20, 40};  // a refresh every 26 s
+  p.install(origin);
+  TestServer small(300 * 1024);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int window = 4096;  // the kernel buffers little, so the stream buffer fills
+  const timeval limit{120, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  sockaddr_in sa{.sin_family = AF_INET,
+                 .sin_port = htons(static_cast<uint16_t>(small.port())),
+                 .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+  const std::string req =
+      "GET /stream?url=" + url_encode(origin.url(p.master_path())) + " HTTP/1.1\r\n\r\n";
+  ::send(fd, req.data(), req.size(), 0);
+  std::string raw;
+  char buf[32768];
+  for (ssize_t n; (n = ::recv(fd, buf, sizeof buf, 0)) > 0; std::this_thread::sleep_for(10ms)) {
+    raw.append(buf, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
+  EXPECT_EQ(sequences(delivered_segments(origin, p)), range(1, 5));
+  EXPECT_TRUE(raw.substr(raw.find("\r\n\r\n") + 4) == bytes_of(p, delivered_segments(origin, p)));
+}
+
 TEST_F(Stream, SuddenSpeedDropSwitchesDownWithoutGapsOrRepeats) {
   const Presentation p{"drop", {300000, 800000, 1600000}, 1, 8, 24 * 1024};
   p.install(origin);
