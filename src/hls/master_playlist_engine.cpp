@@ -50,11 +50,24 @@ bool MasterPlaylist::refresh() {
     return false;
   }
   log_out("got master playlist");
-  parse_playlist(&text);  // whatever it yields is what selection chooses from
+  // Channel lists often name a media playlist directly: it is then the only variant, and the
+  // text already fetched starts the first pass.
+  const bool media = text.find("#EXTINF") != std::string::npos &&
+                     text.find("#EXT-X-STREAM-INF") == std::string::npos;
+  if (media) {
+    variants = {PlaylistVariantDef{0, url, false}};
+  } else {
+    parse_playlist(&text);  // whatever it yields is what selection chooses from
+  }
   selected = nullptr;
   boundary_low = 0;
   boundary_high = 0;
-  return select_variant();
+  if (!select_variant()) return false;
+  if (media) {
+    variant->parse_playlist(&text);
+    variant->fresh = true;
+  }
+  return true;
 }
 
 void* do_refresh_timer(void* arg) {
@@ -105,7 +118,9 @@ bool MasterPlaylist::refresh_variant() {
   fill_running = true;  // first, so the timer cannot start another refresh meanwhile
   if (fill_thread.joinable()) fill_thread.join();
 
-  if (variant && variant->chunks.size() >= kCachedPlaylistChunks) {
+  if (variant && variant->fresh) {
+    variant->fresh = false;  // parsed from the text that started the stream
+  } else if (variant && variant->chunks.size() >= kCachedPlaylistChunks) {
     log_err("Chunklist: Using cached playlist (still got ", variant->chunks.size(),
             " chunks in advance)");
   } else if (!variant->refresh()) {

@@ -41,6 +41,7 @@ class VariantPlaylist {
 
   std::string url;
   uint32_t target_duration = 1;  // seconds
+  bool fresh = false;  // parsed from text fetched just now: the next pass needs no refetch
   std::queue<Chunk, std::deque<Chunk>> chunks;
 };
 

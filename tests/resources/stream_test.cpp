@@ -39,10 +39,10 @@ class Stream : public ::testing::Test {
 
   // Streams `p` through `server` until it closes, waits for the clean-up line (every engine
   // thread joined) and checks that the body is exactly the segments the engine reported.
-  Segments stream(const Presentation& p, const std::string& query = "") {
+  Segments stream(const Presentation& p, const std::string& query = "", std::string url = "") {
     LogCapture::instance().clear();
-    const StreamResult r =
-        fetch_stream(server.port(), origin.url(p.master_path()), kDeadline, query);
+    if (url.empty()) url = origin.url(p.master_path());
+    const StreamResult r = fetch_stream(server.port(), url, kDeadline, query);
     EXPECT_TRUE(r.closed) << p.name << query;
     EXPECT_EQ(r.head, kStreamHead);
     EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
@@ -65,6 +65,13 @@ TEST_F(Stream, VodStartsLowSwitchesUpAndDeliversEverySegmentOnce) {
   for (size_t i = 1; i < d.size(); ++i) EXPECT_GE(d[i].first, d[i - 1].first);
   EXPECT_EQ(server.stats().selected_profile.load(), 1600000u >> 10);
   EXPECT_GT(server.stats().avg_speed.load(), 0u);
+}
+
+TEST_F(Stream, AMediaPlaylistAsTheUrlIsTheOnlyVariantAndIsFetchedOnce) {
+  const Presentation p{"media", {500000}, 1, 4, 20 * 1024};
+  p.install(origin);
+  EXPECT_EQ(sequences(stream(p, "", origin.url(p.playlist_path(0)))), range(1, 4));
+  EXPECT_EQ(origin.requests(p.playlist_path(0)).size(), 1u);
 }
 
 TEST_F(Stream, StartFromSkipsOnTheFirstPassOnly) {
