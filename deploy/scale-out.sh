@@ -172,9 +172,8 @@ nginx origin "
 # presentation's key (its first two path components) to one node, so the copies rarely overlap.
 # The lock lets one request per missing segment through to the origin while the others wait for
 # the copy. Segments never change; playlists are kept for a second, which spares the origin a
-# herd of players and stays well inside a live playlist's target duration.
-# With a rate limit, cached segments go out a quarter second's worth at a time rather than in
-# bursts a second apart.
+# herd of players and stays well inside a live playlist's target duration. With a rate limit,
+# cached segments go out a quarter second's worth at a time rather than in bursts a second apart.
 chunk_line=""
 [ "$rate" -gt 0 ] && chunk_line="sendfile_max_chunk $((rate / 4 > 1024 ? rate / 4 : 1024));"
 for i in 0 1; do
@@ -239,6 +238,7 @@ for i in "${!skerirs[@]}"; do servers+="  server skerir$((i + 1)) ${skerirs[$i]}
 cat >"$dir/haproxy.cfg" <<EOF
 global
   log stderr format raw local0 info
+  # For the operator: "show stat", or "set server skerir/skerir1 state drain" before an upgrade.
   stats socket $dir/haproxy.sock mode 600 level admin
 
 defaults
