@@ -16,9 +16,13 @@ it at the wrap).
 
 HTTP/1.1 with Content-Length and keep-alive. Python standard library only.
 
-Usage: scripts/live-origin.py [--port 7781] [--sample DIR] [--presentation vod/clear]
-                              [--window 6] [--offset 0]
+Usage: scripts/live-origin.py [--address 127.0.0.1] [--port 7781] [--sample DIR]
+                              [--presentation vod/clear] [--window 6] [--offset 0]
+                              [--base-url URL]
 --port 0 picks a free port; the first line on standard output names the master URL either way.
+--base-url is what the master names its variants under (default http://ADDRESS:PORT): with
+http://~ and --presentation vod/cache, skerir fetches playlists and segments from its cache
+servers, which forward /live/ here.
 """
 
 import argparse
@@ -168,7 +172,9 @@ class LiveServer(http.server.ThreadingHTTPServer):
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    ap.add_argument("--address", default="127.0.0.1")
     ap.add_argument("--port", type=int, default=DEFAULT_PORT)
+    ap.add_argument("--base-url", help="prefix of the variant URLs in the master")
     ap.add_argument("--sample", default=os.path.join(here, "..", "sample"))
     ap.add_argument("--presentation", default="vod/clear")
     ap.add_argument("--window", type=int, default=DEFAULT_WINDOW)
@@ -182,13 +188,13 @@ def main():
     except (OSError, ValueError) as e:
         sys.exit("live-origin: cannot load the sample: %s (run scripts/make-sample.sh)" % e)
     try:
-        server = LiveServer(("127.0.0.1", args.port), Handler)
+        server = LiveServer((args.address, args.port), Handler)
     except OSError as e:
-        sys.exit("live-origin: cannot listen on 127.0.0.1:%d: %s" % (args.port, e))
+        sys.exit("live-origin: cannot listen on %s:%d: %s" % (args.address, args.port, e))
     port = server.server_address[1]
     server.variants = variants
     server.by_name = {v.name: v for v in variants}
-    server.base_url = "http://127.0.0.1:%d" % port
+    server.base_url = (args.base_url or "http://%s:%d" % (args.address, port)).rstrip("/")
     server.window = args.window
     server.offset = args.offset
     server.verbose = args.verbose

@@ -53,9 +53,9 @@ def origin(workdir, port, rate=0):
                 "--port", str(port), "--rate", str(rate)).wait_port(port)
 
 
-def request(path, on_first_chunk=None):
+def request(path, on_first_chunk=None, server=("127.0.0.1", 7744)):
     """GET on skerir's port; returns the body once skerir closes."""
-    with socket.create_connection(("127.0.0.1", 7744), timeout=240) as s:
+    with socket.create_connection(server, timeout=240) as s:
         s.sendall(b"GET " + path.encode() + b" HTTP/1.1\r\n\r\n")
         data = b""
         while chunk := s.recv(65536):
@@ -68,7 +68,12 @@ def request(path, on_first_chunk=None):
 def judge(body, skerir, workdir, name):
     """The body is the clear segments skerir reported, in order, and decodes cleanly."""
     skerir.wait_line("^mpl finish and cleanup!$", "err")
-    names = [m.group(2) for m in map(CHUNK.match, skerir.lines()) if m]
+    check_media(body, [m.group(2) for m in map(CHUNK.match, skerir.lines()) if m], workdir, name)
+
+
+def check_media(body, names, workdir, name):
+    """The body is the clear segments named (v1/seg_001.ts ...), one for each number in order,
+    and decodes cleanly."""
     assert [int(n[-6:-3]) for n in names] == list(range(1, SEGMENTS + 1)), names
     expected = b"".join(open(os.path.join(REPO, "sample/vod/clear", n), "rb").read() for n in names)
     assert body == expected, "%s: %d bytes, %d expected" % (name, len(body), len(expected))
