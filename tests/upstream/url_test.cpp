@@ -3,6 +3,7 @@
 
 #include "cachemap/cachemap.h"
 #include "upstream/ucurl.h"
+#include "upstream/url.h"
 
 namespace skerir {
 namespace {
@@ -63,6 +64,60 @@ TEST(UpstreamUrl, RequestCarriesOnlyHostConnectionAndRange) {
   EXPECT_EQ(build_request("/s.ts", "h", 8080, true, 5000),
             "GET /s.ts HTTP/1.1\r\nHost: h:8080\r\nConnection: keep-alive\r\n"
             "Range: bytes=5000-\r\n\r\n");
+}
+
+// Every example of RFC 3986 section 5.4, normal and abnormal, against its base.
+TEST(UpstreamUrl, ReferencesResolveAsRfc3986Examples) {
+  const char* cases[][2] = {
+      {"g:h", "g:h"},
+      {"g", "http://a/b/c/g"},
+      {"./g", "http://a/b/c/g"},
+      {"g/", "http://a/b/c/g/"},
+      {"/g", "http://a/g"},
+      {"//g", "http://g"},
+      {"?y", "http://a/b/c/d;p?y"},
+      {"g?y", "http://a/b/c/g?y"},
+      {"#s", "http://a/b/c/d;p?q#s"},
+      {"g#s", "http://a/b/c/g#s"},
+      {"g?y#s", "http://a/b/c/g?y#s"},
+      {";x", "http://a/b/c/;x"},
+      {"g;x", "http://a/b/c/g;x"},
+      {"g;x?y#s", "http://a/b/c/g;x?y#s"},
+      {"", "http://a/b/c/d;p?q"},
+      {".", "http://a/b/c/"},
+      {"./", "http://a/b/c/"},
+      {"..", "http://a/b/"},
+      {"../", "http://a/b/"},
+      {"../g", "http://a/b/g"},
+      {"../..", "http://a/"},
+      {"../../", "http://a/"},
+      {"../../g", "http://a/g"},
+      {"../../../g", "http://a/g"},
+      {"../../../../g", "http://a/g"},
+      {"/./g", "http://a/g"},
+      {"/../g", "http://a/g"},
+      {"g.", "http://a/b/c/g."},
+      {".g", "http://a/b/c/.g"},
+      {"g..", "http://a/b/c/g.."},
+      {"..g", "http://a/b/c/..g"},
+      {"./../g", "http://a/b/g"},
+      {"./g/.", "http://a/b/c/g/"},
+      {"g/./h", "http://a/b/c/g/h"},
+      {"g/../h", "http://a/b/c/h"},
+      {"g;x=1/./y", "http://a/b/c/g;x=1/y"},
+      {"g;x=1/../y", "http://a/b/c/y"},
+      {"g?y/./x", "http://a/b/c/g?y/./x"},
+      {"g?y/../x", "http://a/b/c/g?y/../x"},
+      {"g#s/./x", "http://a/b/c/g#s/./x"},
+      {"g#s/../x", "http://a/b/c/g#s/../x"},
+      {"http:g", "http:g"},
+  };
+  for (const auto& [reference, target] : cases) {
+    EXPECT_EQ(resolve_url("http://a/b/c/d;p?q", reference), target) << reference;
+  }
+  // A base with an authority and no path, and an absolute base that an IPv6 host must survive.
+  EXPECT_EQ(resolve_url("https://h", "seg/1.ts"), "https://h/seg/1.ts");
+  EXPECT_EQ(resolve_url("http://[::1]:81/a/m.m3u8?t=1", "v/p.m3u8"), "http://[::1]:81/a/v/p.m3u8");
 }
 
 }  // namespace
