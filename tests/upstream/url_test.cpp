@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "cachemap/cachemap.h"
+#include "upstream/chunked.h"
 #include "upstream/ucurl.h"
 #include "upstream/url.h"
 
@@ -118,6 +119,44 @@ TEST(UpstreamUrl, ReferencesResolveAsRfc3986Examples) {
   // A base with an authority and no path, and an absolute base that an IPv6 host must survive.
   EXPECT_EQ(resolve_url("https://h", "seg/1.ts"), "https://h/seg/1.ts");
   EXPECT_EQ(resolve_url("http://[::1]:81/a/m.m3u8?t=1", "v/p.m3u8"), "http://[::1]:81/a/v/p.m3u8");
+}
+
+// Each body is decoded in pieces of every size from one byte up: the framing state must carry
+// across any cut.
+TEST(UpstreamChunked, DecodesAcrossAnyCutAndFailsOnBadFraming) {
+  const struct {
+    std::string in, payload;
+    bool done, failed;
+  } cases[] = {
+      {"5\r\nhello\r\n6;ext=\"a b\"\r\n world\r\n0\r\nTrailer: x\r\n\r\nignored", "hello world",
+       true},
+      {"A\n0123456789\n0\n\n", "0123456789", true},  // bare LF line ends
+      {"0000000000000003 ; x\r\nabc\r\n0\r\n\r\n", "abc", true},
+      {"3\r\nabc\r\n", "abc"},                // cut before the last chunk
+      {"3\r\nabcd\r\n", "abc", false, true},  // the chunk is longer than its size says
+      {"zz\r\nabc", "", false, true},
+      {"\r\n", "", false, true},
+      {"10000000000000000\r\n", "", false, true},  // over 64 bits
+      {"3\r\nabc\r\n0\r\nX: 1\r\n\rZ", "abc", false, true},
+      {"1;" + std::string(5000, 'x') + "\r\na", "", false, true},  // a size line without end
+  };
+  for (const auto& c : cases) {
+    for (size_t piece = 1; piece <= c.in.size(); ++piece) {
+      ChunkedDecoder decoder;
+      std::string input = c.in, payload;
+      for (size_t at = 0; at < input.size(); at += piece) {
+        const size_t n = std::min(piece, input.size() - at);
+        payload.append(input.data() + at, decoder.decode(input.data() + at, n));
+      }
+      ASSERT_EQ(payload, c.payload) << c.in << " in pieces of " << piece;
+      ASSERT_EQ(decoder.done(), c.done) << c.in;
+      ASSERT_EQ(decoder.failed(), c.failed) << c.in;
+    }
+  }
+  ChunkedDecoder long_trailer;
+  std::string trailer = "0\r\n" + std::string(70000, 'x');
+  long_trailer.decode(trailer.data(), trailer.size());
+  EXPECT_TRUE(long_trailer.failed());
 }
 
 }  // namespace
