@@ -1,10 +1,12 @@
-// URL splitting with cache-server substitution, and the request bytes.
+// The upstream client's pure parts: URL splitting with cache-server substitution, reference
+// resolution, the request bytes, and chunked framing.
+#include "upstream/url.h"
+
 #include <gtest/gtest.h>
 
 #include "cachemap/cachemap.h"
 #include "upstream/chunked.h"
 #include "upstream/ucurl.h"
-#include "upstream/url.h"
 
 namespace skerir {
 namespace {
@@ -26,6 +28,10 @@ TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
       {"http://@/seg/1.ts", "10.0.0.1", 8081, "/seg/1.ts", 0, 1},
       {"http://~/a/b.m3u8", "cachehost", 0, "/a/b.m3u8", 0, 2},  // no ":" in the server name
       {"http://@:81/seg", "@", 81, "/seg", 0, 0},                // a named port: no substitution
+      {"https://h/x", "h", 443, "/x", 1, 0},
+      {"https://h:8443", "h", 8443, "/", 1, 0},
+      {"http://[::1]:8080/p", "::1", 8080, "/p", 0, 0},
+      {"https://[2001:db8::1]/a:b", "2001:db8::1", 443, "/a:b", 1, 0},
   };
   for (const auto& c : cases) {
     UCurl u;
@@ -45,6 +51,12 @@ TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
       {"", ""},
       {"http://@/x", "No cache server found"},
       {"http://~/x", "No playlist cache server found"},
+      {"http://h/a b", "URL refused: a space at offset 10"},
+      {"http://h/ HTTP/1.1\r\nHost: x", "URL refused: a space at offset 9"},
+      {"http://h/\r\nX: y", "URL refused: control character 0x0D at offset 9"},
+      {std::string("http://h/\0", 10), "URL refused: control character 0x00 at offset 9"},
+      {"http://h/\x7f", "URL refused: control character 0x7F at offset 9"},
+      {"http://[::1/p", "IPv6 address without ']' in URL"},
   };
   cache_map->setCacheMapString("");
   cache_map_playlist->setCacheMapString("");
@@ -59,12 +71,21 @@ TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
   }
 }
 
-TEST(UpstreamUrl, RequestCarriesOnlyHostConnectionAndRange) {
+TEST(UpstreamUrl, RequestCarriesOnlyHostConnectionRangeAndExtraLines) {
   EXPECT_EQ(build_request("/a?b", "h", 80, false, 0),
             "GET /a?b HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n");
   EXPECT_EQ(build_request("/s.ts", "h", 8080, true, 5000),
             "GET /s.ts HTTP/1.1\r\nHost: h:8080\r\nConnection: keep-alive\r\n"
             "Range: bytes=5000-\r\n\r\n");
+  EXPECT_EQ(build_request("/p", "h", 443, false, 0, kDefaultHttpsPort, {{"X-A", "1"}, {"B", ""}}),
+            "GET /p HTTP/1.1\r\nHost: h\r\nConnection: close\r\nX-A: 1\r\nB: \r\n\r\n");
+  EXPECT_EQ(build_request("/p", "::1", 80, false, 0, kDefaultHttpsPort),
+            "GET /p HTTP/1.1\r\nHost: [::1]:80\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(unsafe_header_reason("X-Tab_ok", "a\tb"), "");
+  EXPECT_EQ(unsafe_header_reason("X", "a\r\nGET / HTTP/1.1"),
+            "header refused: control character in the value of X");
+  EXPECT_EQ(unsafe_header_reason("X: y\r\nZ", ""), "header refused: a name that is not a token");
+  EXPECT_NE(unsafe_header_reason("", "v"), "");
 }
 
 // Every example of RFC 3986 section 5.4, normal and abnormal, against its base.
