@@ -63,27 +63,29 @@ SSL_CTX* make_server_context(const char* name, const char* trust_file) {
   return ctx;
 }
 
-// The two server contexts, made once per process before any client context reads the trust
-// store; the trust file goes when the process ends.
+// The two server contexts, made when the test program starts: setenv is only safe before
+// any other thread runs, and the client context reads SSL_CERT_FILE on its first use. The trust
+// file goes when the program ends.
+struct ServerContexts {
+  char file[32] = "/tmp/skerir-trust-XXXXXX";
+  SSL_CTX* trusted;
+  SSL_CTX* untrusted;
+  ServerContexts() {
+    std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes with write(2), on both sides
+    ::close(::mkstemp(file));
+    trusted = make_server_context("skerir trusted origin", file);
+    untrusted = make_server_context("skerir untrusted origin", nullptr);
+    ::setenv("SSL_CERT_FILE", file, 1);
+  }
+  ~ServerContexts() {
+    ::unlink(file);
+    SSL_CTX_free(trusted);
+    SSL_CTX_free(untrusted);
+  }
+} const server_contexts;
+
 SSL_CTX* server_context(Tls tls) {
-  static struct Contexts {
-    char file[32] = "/tmp/skerir-trust-XXXXXX";
-    SSL_CTX* trusted;
-    SSL_CTX* untrusted;
-    Contexts() {
-      std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes with write(2), on both sides
-      ::close(::mkstemp(file));
-      trusted = make_server_context("skerir trusted origin", file);
-      untrusted = make_server_context("skerir untrusted origin", nullptr);
-      ::setenv("SSL_CERT_FILE", file, 1);
-    }
-    ~Contexts() {
-      ::unlink(file);
-      SSL_CTX_free(trusted);
-      SSL_CTX_free(untrusted);
-    }
-  } contexts;
-  return tls == Tls::trusted ? contexts.trusted : contexts.untrusted;
+  return tls == Tls::trusted ? server_contexts.trusted : server_contexts.untrusted;
 }
 
 // One connection's socket (and TLS session) and the origin's stop signal: every wait ends when
@@ -228,7 +230,6 @@ std::string aes128_cbc_encrypt(const std::string& plain, const std::string& key)
 }
 
 ScriptedOrigin::ScriptedOrigin(bool ipv6, Tls tls) : ipv6_(ipv6), tls_(tls) {
-  if (tls != Tls::none) server_context(tls);
   sockaddr_in6 sa6{.sin6_family = AF_INET6, .sin6_addr = in6addr_loopback};
   sockaddr_in sa4{.sin_family = AF_INET, .sin_addr = {htonl(INADDR_LOOPBACK)}};
   auto* sa = ipv6 ? reinterpret_cast<sockaddr*>(&sa6) : reinterpret_cast<sockaddr*>(&sa4);
