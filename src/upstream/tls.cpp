@@ -188,7 +188,7 @@ void TlsChannel::fail(int ssl_error) {
     char text[256];
     reason = strerror_r(errno, text, sizeof(text));
   } else {
-    reason = "connection closed";
+    reason = ssl_ ? "connection closed" : "no TLS context";
   }
   ERR_clear_error();
   log_err("TLS: ", reason, " (", peer_, ")");
