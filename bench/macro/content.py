@@ -155,14 +155,15 @@ def _master(variants):
     return "\n".join(lines) + "\n"
 
 
-def write_playlists(manifest, pl_dir, origin):
-    """Writes every VOD playlist into pl_dir (served as <origin>/pl/); returns the master URLs."""
+def write_playlists(manifest, pl_dir, origin, prefix=""):
+    """Writes every VOD playlist into pl_dir (served as <origin>/pl/), their names prefixed with
+    `prefix`; returns the master URLs."""
     os.makedirs(pl_dir, exist_ok=True)
 
     def put(name, text):
-        with open(os.path.join(pl_dir, name), "w") as f:
+        with open(os.path.join(pl_dir, prefix + name), "w") as f:
             f.write(text)
-        return "%s/pl/%s" % (origin, name)
+        return "%s/pl/%s%s" % (origin, prefix, name)
 
     key_url = origin + "/aes/key.bin"
     bulk_bps = int(sum(s["size"] for s in manifest["bulk"]) * 8 /

@@ -41,6 +41,7 @@ TARGETS = {
     "bulk_clear_ratio": 0.60,
     "bulk_clear_cpu_ms_per_mb": 0.6,
     "bulk_aes_ratio": 0.50,
+    "bulk_https_ratio": 0.50,
     "ttfb_ms": 30.0,
     "live_share": 1.0,          # every client >= 95 % of the live rate
     "live_cpu_pct": 0.03,       # % of one core per stream
@@ -121,8 +122,9 @@ def cleanup():
 
 
 class Skerir:
-    def __init__(self, binary, tmp, buffer_bytes, name):
+    def __init__(self, binary, tmp, buffer_bytes, name, env=None):
         self.binary, self.tmp, self.buffer_bytes, self.name = binary, tmp, buffer_bytes, name
+        self.env = env
         self.proc = None
 
     def start(self):
@@ -136,7 +138,7 @@ class Skerir:
             self.out = open(os.path.join(self.tmp, self.name + ".out"), "wb")
             self.err = open(os.path.join(self.tmp, self.name + ".err"), "wb")
             self.proc = spawn([self.binary, str(self.buffer_bytes)], stdout=self.out,
-                              stderr=self.err)
+                              stderr=self.err, env=self.env)
             while time.monotonic() < deadline and self.proc.poll() is None:
                 if listens_on(self.proc.pid, SKERIR_PORT):
                     return self
@@ -183,10 +185,10 @@ def stream_url(master):
                                                   urllib.parse.quote(master, safe=""))
 
 
-def run_measured(args, timeout):
+def run_measured(args, timeout, env=None):
     """Runs a command to completion: (wall seconds, CPU seconds, stdout text)."""
     t0 = time.monotonic()
-    p = spawn(args, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    p = spawn(args, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
     timer = threading.Timer(timeout, lambda: p.poll() is None and p.kill())
     timer.start()
     out = p.stdout.read()
@@ -199,12 +201,12 @@ def run_measured(args, timeout):
 
 # ---- scenarios -------------------------------------------------------------------------------
 
-def curl_direct(urls, timeout):
+def curl_direct(urls, timeout, env=None):
     """One curl, one kept-alive connection, every segment to /dev/null."""
     args = ["curl", "-s", "-w", "%{size_download}\\n"]
     for u in urls:
         args += ["-o", "/dev/null", u]
-    wall, cpu, out, _ = run_measured(args, timeout)
+    wall, cpu, out, _ = run_measured(args, timeout, env)
     got = sum(int(x) for x in out.split())
     return {"bytes": got, "wall": wall, "mbps": got / MB / wall, "client_cpu": cpu}
 
@@ -414,6 +416,9 @@ def cmd_run(args):
     started.append(nginx.proc)  # stopped with everything else on any way out
     args.nginx = nginx
     urls = content.write_playlists(manifest, os.path.join(tmp, "pl"), nginx.origin)
+    tls_urls = content.write_playlists(manifest, os.path.join(tmp, "pl"), nginx.tls_origin,
+                                       "tls_")
+    trust = nginx.trust_env()
     live_media = os.path.join(tmp, "pl", "live_media.m3u8")
     live = spawn([sys.executable, os.path.abspath(__file__), "live-origin", "--origin",
                   nginx.origin, "--manifest", os.path.join(cache, "media", "manifest.json"),
@@ -421,14 +426,16 @@ def cmd_run(args):
     bulk_mb = urls["bulk_bytes"] / MB
     pull_timeout = 120
 
-    # 1. Bulk pull: curl from nginx (the limit), skerir, ffmpeg; interleaved, several times.
-    sk = Skerir(args.skerir, tmp, BULK_BUFFER, "skerir-bulk").start()
+    # 1. Bulk pull: curl from nginx (the limit), skerir, ffmpeg; interleaved, several times; the
+    #    clear presentation also over https, against curl over TLS.
+    sk = Skerir(args.skerir, tmp, BULK_BUFFER, "skerir-bulk", env=trust).start()
     bulk = {k: [] for k in ("curl_clear", "skerir_clear", "curl_aes", "skerir_aes",
-                            "ffmpeg_clear", "ffmpeg_aes")}
+                            "curl_tls", "skerir_tls", "ffmpeg_clear", "ffmpeg_aes")}
     try:
-        # Warm the page cache and both paths once, unmeasured.
+        # Warm the page cache and every path once, unmeasured.
         curl_direct(urls["bulk_segments"], pull_timeout)
         curl_direct(urls["bulk_aes_segments"], pull_timeout)
+        curl_direct(tls_urls["bulk_segments"], pull_timeout, trust)
         for rep in range(args.reps):
             bulk["curl_clear"].append(curl_direct(urls["bulk_segments"], pull_timeout))
             bulk["skerir_clear"].append(skerir_pull(sk, urls["bulk"], pull_timeout))
@@ -441,11 +448,13 @@ def cmd_run(args):
                 skerir_pull(sk, urls["bulk_aes"], pull_timeout)
                 profiler.finish()
             bulk["skerir_aes"].append(skerir_pull(sk, urls["bulk_aes"], pull_timeout))
+            bulk["curl_tls"].append(curl_direct(tls_urls["bulk_segments"], pull_timeout, trust))
+            bulk["skerir_tls"].append(skerir_pull(sk, tls_urls["bulk"], pull_timeout))
             log("bulk rep %d: curl %.0f MB/s, skerir %.0f MB/s, curl(aes) %.0f MB/s, "
-                "skerir(aes) %.0f MB/s" % (rep + 1, bulk["curl_clear"][-1]["mbps"],
-                                           bulk["skerir_clear"][-1]["mbps"],
-                                           bulk["curl_aes"][-1]["mbps"],
-                                           bulk["skerir_aes"][-1]["mbps"]))
+                "skerir(aes) %.0f MB/s, curl(tls) %.0f MB/s, skerir(https) %.0f MB/s" % (
+                    rep + 1, bulk["curl_clear"][-1]["mbps"], bulk["skerir_clear"][-1]["mbps"],
+                    bulk["curl_aes"][-1]["mbps"], bulk["skerir_aes"][-1]["mbps"],
+                    bulk["curl_tls"][-1]["mbps"], bulk["skerir_tls"][-1]["mbps"]))
         if not args.skip_ffmpeg:
             for rep in range(max(1, args.reps // 2)):
                 if time.monotonic() > budget_end - 240:
@@ -468,7 +477,7 @@ def cmd_run(args):
                                      for _ in range(0 if args.skip_ffmpeg else 5)]
     finally:
         sk.stop()
-    bad = [r["bytes"] for k in ("skerir_clear", "skerir_aes") for r in bulk[k]
+    bad = [r["bytes"] for k in ("skerir_clear", "skerir_aes", "skerir_tls") for r in bulk[k]
            if r["bytes"] != urls["bulk_bytes"]]
     if bad:
         log("WARNING: skerir delivered %s bytes where the bulk presentation has %d" %
@@ -519,7 +528,9 @@ def report(r):
         return median([x[field] for x in b[key]])
 
     lim_c, lim_a = med("curl_clear", "mbps"), med("curl_aes", "mbps")
-    sc, sa = med("skerir_clear", "mbps"), med("skerir_aes", "mbps")
+    lim_t = med("curl_tls", "mbps")
+    sc, sa, st = (med("skerir_clear", "mbps"), med("skerir_aes", "mbps"),
+                  med("skerir_tls", "mbps"))
     cpu_c, cpu_a = med("skerir_clear", "cpu_ms_per_mb"), med("skerir_aes", "cpu_ms_per_mb")
     ttfb = median(r["ttfb_ms"])
     print()
@@ -531,7 +542,9 @@ def report(r):
     rows = [("curl <- nginx (limit)", "curl_clear", lim_c), ("skerir", "skerir_clear", lim_c),
             ("ffmpeg -c copy", "ffmpeg_clear", lim_c),
             ("curl <- nginx, AES (limit)", "curl_aes", lim_a), ("skerir, AES", "skerir_aes", lim_a),
-            ("ffmpeg -c copy, AES", "ffmpeg_aes", lim_a)]
+            ("ffmpeg -c copy, AES", "ffmpeg_aes", lim_a),
+            ("curl <- nginx, TLS (limit)", "curl_tls", lim_t),
+            ("skerir, https", "skerir_tls", lim_t)]
     for label, key, lim in rows:
         if not b[key]:
             continue
@@ -574,7 +587,7 @@ def report(r):
     t = TARGETS
     if not b["skerir_clear"] or not got:
         print("  (bulk or start-up not measured)")
-        lim_c = lim_a = sc = sa = cpu_c = cpu_a = ttfb = float("nan")
+        lim_c = lim_a = lim_t = sc = sa = st = cpu_c = cpu_a = ttfb = float("nan")
     print("  %s bulk clear: %.0f %% of the curl limit (>= %.0f %%)" % (
         verdict(sc / lim_c >= t["bulk_clear_ratio"]), sc / lim_c * 100,
         t["bulk_clear_ratio"] * 100))
@@ -583,6 +596,10 @@ def report(r):
     print("  %s bulk AES-128: %.0f %% of the curl limit (>= %.0f %%); %.3f ms CPU per MB" % (
         verdict(sa / lim_a >= t["bulk_aes_ratio"]), sa / lim_a * 100, t["bulk_aes_ratio"] * 100,
         cpu_a))
+    print("  %s bulk https: %.0f %% of curl over TLS (>= %.0f %%); %.3f ms CPU per MB" % (
+        verdict(st / lim_t >= t["bulk_https_ratio"]), st / lim_t * 100,
+        t["bulk_https_ratio"] * 100, med("skerir_tls", "cpu_ms_per_mb") if b["skerir_tls"]
+        else float("nan")))
     print("  %s time to first body byte: median %.1f ms (<= %.0f)" % (
         verdict(ttfb <= t["ttfb_ms"]), ttfb, t["ttfb_ms"]))
     big = [x for x in r["live"] if x["n"] == 1000]

@@ -1,5 +1,6 @@
-"""The origin of the macro benchmark: nginx serving the cached media and the playlists, and a
-live playlist that advances one segment per target duration.
+"""The origin of the macro benchmark: nginx serving the cached media and the playlists (over
+plain HTTP, and over TLS on a second port with a certificate made at start), and a live
+playlist that advances one segment per target duration.
 
 nginx does all the serving, segments and playlists alike, so that a thousand clients' requests
 never queue behind Python. The live "origin" is only a loop that rewrites one playlist file
@@ -62,6 +63,11 @@ http {{
   }}
   server {{
     listen 127.0.0.1:{port} backlog=4096;
+    listen 127.0.0.1:{tls_port} ssl backlog=4096;
+    ssl_certificate {tmp}/origin.crt;
+    ssl_certificate_key {tmp}/origin.key;
+    ssl_protocols TLSv1.2 TLSv1.3;
+    ssl_session_cache shared:tls:10m;
     root {media};
     location /pl/ {{
       alias {tmp}/pl/;
@@ -84,18 +90,34 @@ class Nginx:
     def __init__(self, tmp, media):
         self.tmp = tmp
         self.port = free_port()
+        self.tls_port = free_port()
         self.origin = "http://127.0.0.1:%d" % self.port
+        self.tls_origin = "https://127.0.0.1:%d" % self.tls_port
+        # A self-signed certificate for the address, made for this run; clients trust it through
+        # their environment (see trust_env).
+        self.cert = os.path.join(tmp, "origin.crt")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                        "ec_paramgen_curve:P-256", "-nodes", "-days", "2", "-subj",
+                        "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
+                        "-keyout", os.path.join(tmp, "origin.key"), "-out", self.cert],
+                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         os.makedirs(os.path.join(tmp, "pl"), exist_ok=True)
         self.conf = os.path.join(tmp, "nginx.conf")
         with open(self.conf, "w") as f:
-            f.write(NGINX_CONF.format(tmp=tmp, media=media, port=self.port))
+            f.write(NGINX_CONF.format(tmp=tmp, media=media, port=self.port,
+                                      tls_port=self.tls_port))
         self.proc = None
+
+    def trust_env(self):
+        """The environment of a client that trusts this origin's certificate: skerir reads
+        SSL_CERT_FILE (through OpenSSL's default paths); curl reads CURL_CA_BUNDLE."""
+        return dict(os.environ, SSL_CERT_FILE=self.cert, CURL_CA_BUNDLE=self.cert)
 
     def start(self):
         self.proc = subprocess.Popen(["nginx", "-p", self.tmp, "-c", self.conf],
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                      start_new_session=True)
-        if not wait_port(self.port, 10):
+        if not wait_port(self.port, 10) or not wait_port(self.tls_port, 10):
             raise RuntimeError("nginx did not start; see %s/nginx-error.log" % self.tmp)
 
     def pids(self):

@@ -2,7 +2,6 @@
 #include "upstream/ucurl.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 
 #include "cachemap/cachemap.h"
 #include "upstream/upstream_policy.h"
+#include "upstream/url.h"
 #include "util/log.h"
 
 namespace skerir {
@@ -39,69 +39,85 @@ std::string errno_text(int err) {
   return strerror_r(err, buf, sizeof(buf));
 }
 
-using Clock = std::chrono::steady_clock;
-
-// Waits until `fd` is ready for `events` or `timeout_ms` has passed, restarting after a
-// signal with the time that is left. Returns poll()'s count: exactly 1 means ready (readiness
-// includes an error or hang-up on the socket, which the following read or write reports).
-int poll_one(int fd, short events, int timeout_ms) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    pollfd pfd{fd, events, 0};
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    const int r = ::poll(&pfd, 1, left > 0 ? static_cast<int>(left) : 0);
-    if (r < 0 && errno == EINTR) continue;
-    return r;
-  }
-}
-
 int seconds_to_ms(long seconds) {
   if (seconds <= 0) return 0;
   if (seconds > INT_MAX / 1000) return INT_MAX;
   return static_cast<int>(seconds * 1000);
 }
 
-// One read after waiting up to `timeout_ms` for data. Returns the byte count (0 at end of
-// stream), -1 on a read error (errno kept), or -2 when nothing arrived in time. Data already
-// waiting is taken without a poll() first (one system call per block on a busy transfer); a
-// wake-up without data (EINTR, or EAGAIN after a spurious readiness) waits again for the time
-// left.
-long read_with_timeout(int fd, char* buf, unsigned long len, int timeout_ms) {
-  if (fd < 0) return -2;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    const ssize_t n = ::recv(fd, buf, len, MSG_DONTWAIT);
-    if (n >= 0) return static_cast<long>(n);
-    if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (errno == EINTR) continue;
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0 || poll_one(fd, POLLIN, static_cast<int>(left)) != 1) return -2;
+// The addresses of `host` to try, IPv4 first: a name that always reached an IPv4 address keeps
+// doing so, and its IPv6 addresses are the fallback. Literals are not passed to the resolver.
+bool resolve(const std::string& host, int port, std::vector<sockaddr_storage>* out) {
+  const auto net_port = htons(static_cast<uint16_t>(port));
+  sockaddr_storage ss{};
+  const in_addr_t v4 = ::inet_addr(host.c_str());
+  if (v4 != INADDR_NONE) {
+    auto* sin = reinterpret_cast<sockaddr_in*>(&ss);
+    sin->sin_family = AF_INET;
+    sin->sin_port = net_port;
+    sin->sin_addr.s_addr = v4;
+    out->push_back(ss);
+    return true;
   }
+  auto* sin6 = reinterpret_cast<sockaddr_in6*>(&ss);
+  if (::inet_pton(AF_INET6, host.c_str(), &sin6->sin6_addr) == 1) {
+    sin6->sin6_family = AF_INET6;
+    sin6->sin6_port = net_port;
+    out->push_back(ss);
+    return true;
+  }
+  // getaddrinfo rather than gethostbyname: several streams resolve at once on their own
+  // threads, and gethostbyname's static result is not safe for that.
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return false;
+  std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
+  for (const int family : {AF_INET, AF_INET6}) {
+    for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+      if (a->ai_family != family || a->ai_addrlen > sizeof(ss)) continue;
+      ss = {};
+      std::memcpy(&ss, a->ai_addr, a->ai_addrlen);
+      if (family == AF_INET) {
+        reinterpret_cast<sockaddr_in*>(&ss)->sin_port = net_port;
+      } else {
+        reinterpret_cast<sockaddr_in6*>(&ss)->sin6_port = net_port;
+      }
+      out->push_back(ss);
+    }
+  }
+  return true;
+}
+
+std::string address_text(const sockaddr_storage& ss) {
+  char text[INET6_ADDRSTRLEN] = {};
+  if (ss.ss_family == AF_INET6) {
+    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(&ss)->sin6_addr, text,
+                sizeof(text));
+  } else {
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(&ss)->sin_addr, text, sizeof(text));
+  }
+  return text;
 }
 
 }  // namespace
 
-int setnonblock(int fd) {
-  const int flags = ::fcntl(fd, F_GETFL, 0);
-  return ::fcntl(fd, F_SETFL, flags < 0 ? O_NONBLOCK : flags | O_NONBLOCK);
-}
-
-int setblock(int fd) {
-  const int flags = ::fcntl(fd, F_GETFL, 0);
-  return ::fcntl(fd, F_SETFL, flags < 0 ? 0 : flags & ~O_NONBLOCK);
-}
-
 std::string build_request(const std::string& path, const std::string& host, int port,
-                          bool keep_alive, unsigned long from_bytes) {
+                          bool keep_alive, unsigned long from_bytes, int default_port,
+                          const HeaderLines& extra) {
   std::ostringstream req;
   req << "GET " << path << " HTTP/1.1\r\n";
-  req << "Host: " << host;
-  if (port != kDefaultHttpPort) req << ":" << port;
+  if (host.find(':') != std::string::npos) {
+    req << "Host: [" << host << "]";
+  } else {
+    req << "Host: " << host;
+  }
+  if (port != default_port) req << ":" << port;
   req << "\r\n";
   req << "Connection: " << (keep_alive ? "keep-alive\r\n" : "close\r\n");
   if (from_bytes != 0) req << "Range: bytes=" << from_bytes << "-\r\n";
+  for (const auto& [name, value] : extra) req << name << ": " << value << "\r\n";
   req << "\r\n";
   return std::move(req).str();
 }
@@ -112,6 +128,8 @@ UCurl::~UCurl() { do_disconnect(); }
 
 void UCurl::parse_url(const std::string* url) {
   if (url == nullptr) throw UCurlException("no URL");
+  // Refused before it is even logged: a CR LF in it would forge log lines as well as requests.
+  if (std::string why = unsafe_url_reason(*url); !why.empty()) throw UCurlException(why);
   log_out("parse URL: ", *url);
   cache_kind = 0;
   const std::string& text = *url;
@@ -127,6 +145,19 @@ void UCurl::parse_url(const std::string* url) {
     rest = text.substr(kHttpsCut);
   } else {
     throw UCurlException(scheme);
+  }
+  const int default_port = https == 1 ? kDefaultHttpsPort : kDefaultHttpPort;
+
+  if (rest.starts_with('[')) {
+    // An IPv6 literal, kept without its brackets (they are the URL's, not the address's).
+    const size_t close = rest.find(']');
+    if (close == std::string::npos) throw UCurlException("IPv6 address without ']' in URL");
+    host = rest.substr(1, close - 1);
+    rest.erase(0, close + 1);
+    const size_t slash_at = rest.find('/');
+    port = rest.starts_with(':') ? to_int(rest.substr(1)) : default_port;
+    path = slash_at == std::string::npos ? "/" : rest.substr(slash_at);
+    return;
   }
 
   const size_t colon = rest.find(':');
@@ -147,7 +178,7 @@ void UCurl::parse_url(const std::string* url) {
     return;
   }
 
-  port = kDefaultHttpPort;  // also for https: nothing here speaks TLS
+  port = default_port;
   if (slash == std::string::npos) {
     host = rest;
   } else {
@@ -180,8 +211,20 @@ void UCurl::parse_url(const std::string* url) {
   path = new_path;
 }
 
+bool UCurl::open_socket(int family) {
+  const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    log_err("Could not create socket");
+    return false;
+  }
+  sock.reset(fd);
+  return true;
+}
+
 bool UCurl::do_connect(std::string host_name, int port_number) {
-  if (sock.valid() && connected_host == host_name && connected_port == port_number) {
+  const bool tls = https == 1;
+  if (sock.valid() && connected_host == host_name && connected_port == port_number &&
+      sock.secure() == tls) {
     // Deliberately no probe: a connection the server closed shows up as a failed send or an
     // empty status read, and get_common then reconnects.
     log_out("reusing existing connection");
@@ -193,70 +236,91 @@ bool UCurl::do_connect(std::string host_name, int port_number) {
   }
   do_disconnect();
 
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    log_err("Could not create socket");
-    return false;
-  }
-  sock.reset(fd);
+  // An IPv4 socket first, as ever; an IPv6 address gets a socket of its own below.
+  if (!open_socket(AF_INET)) return false;
   log_out("Socket created");
 
-  const in_addr_t numeric = ::inet_addr(host_name.c_str());
-  if (numeric != INADDR_NONE) {
-    server_addr.sin_addr.s_addr = numeric;
-  } else {
-    // getaddrinfo rather than gethostbyname: several streams resolve at once on their own
-    // threads, and gethostbyname's static result is not safe for that.
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host_name.c_str(), nullptr, &hints, &found) != 0) {
-      log_err("Failed to resolve hostname: ", host_name);
-      setblock(fd);
-      do_disconnect();
-      return false;
-    }
-    std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
-    if (found != nullptr && found->ai_addr != nullptr) {
-      server_addr.sin_addr = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr;
-      char dotted[INET_ADDRSTRLEN] = {};
-      ::inet_ntop(AF_INET, &server_addr.sin_addr, dotted, sizeof(dotted));
-      log_out(host_name, " resolved to ", dotted);
-    }
+  std::vector<sockaddr_storage> addresses;
+  if (!resolve(host_name, port_number, &addresses) || addresses.empty()) {
+    log_err("Failed to resolve hostname: ", host_name);
+    setblock(sock.get());
+    do_disconnect();
+    return false;
   }
-  server_addr.sin_family = AF_INET;
-  server_addr.sin_port = htons(static_cast<uint16_t>(port_number));
-  // The operator's allow list is judged on the address about to be connected to.
-  if (!upstream_policy()->allowed(host_name, port_number,
-                                  reinterpret_cast<const sockaddr*>(&server_addr))) {
+  in6_addr v6{};
+  if (::inet_addr(host_name.c_str()) == INADDR_NONE &&
+      ::inet_pton(AF_INET6, host_name.c_str(), &v6) != 1) {
+    log_out(host_name, " resolved to ", address_text(addresses[0]));
+  }
+  // The operator's allow list is judged on the addresses the name resolves to.
+  std::erase_if(addresses, [&](const sockaddr_storage& a) {
+    return !upstream_policy()->allowed(host_name, port_number,
+                                       reinterpret_cast<const sockaddr*>(&a));
+  });
+  if (addresses.empty()) {
     log_err("Excep: upstream not allowed: ", host_name, ":", port_number);
     do_disconnect();
     return false;
   }
-  setnonblock(fd);
 
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&server_addr), sizeof(server_addr)) != 0) {
+  // Every address shares the one connect budget. Only when another address is left to try is a
+  // finished connect's SO_ERROR read; the last (usually the only) one counts as connected once
+  // writable, and a refusal shows at the send or status read that follows, as it always has.
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kConnectTimeoutMs);
+  bool connected = false;
+  for (size_t i = 0; i < addresses.size() && !connected; ++i) {
+    const bool last = i + 1 == addresses.size();
+    server_addr = addresses[i];
+    server_addr_len_ =
+        server_addr.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    if ((i > 0 || server_addr.ss_family != AF_INET) && !open_socket(server_addr.ss_family)) {
+      return false;
+    }
+    const int fd = sock.get();
+    setnonblock(fd);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&server_addr), server_addr_len_) == 0) {
+      // An immediate connect leaves the socket non-blocking; every later operation waits with
+      // poll() first, so either mode works.
+      connected = true;
+      break;
+    }
     const int err = errno;
     if (err != EINPROGRESS) {
       setblock(fd);
       log_err("ERR: connect failed: ", errno_text(err));
-      do_disconnect();
-      return false;
+      continue;
     }
     log_out("EINPROGRESS in connect() - selecting");
-    // Writability alone counts as connected (SO_ERROR is not read): a refused connection
-    // fails at the send or the status read that follows, and is retried there.
-    if (poll_one(fd, POLLOUT, kConnectTimeoutMs) != 1) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    // Addresses left to try share what remains of the budget.
+    const long long wait = last ? left : left / static_cast<long long>(addresses.size() - i);
+    if (poll_one(fd, POLLOUT, static_cast<int>(std::max(0LL, wait))) != 1) {
       log_err("ERR: connect timeout");
       setblock(fd);
-      do_disconnect();
-      return false;
+      continue;
     }
     setblock(fd);
+    int so_error = 0;
+    socklen_t len = sizeof(so_error);
+    if (!last && ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &so_error, &len) == 0 && so_error != 0) {
+      log_err("ERR: connect failed: ", errno_text(so_error));
+      continue;
+    }
+    connected = true;
   }
-  // An immediate connect leaves the socket non-blocking; every later operation waits with
-  // poll() first, so either mode works.
+  if (!connected) {
+    do_disconnect();
+    return false;
+  }
+  // TLS before the connection counts as made: a failed handshake leaves connected_host and
+  // connected_port as they were, like any other failure here.
+  if (tls && !sock.start_tls(host_name, port_number, kTlsHandshakeTimeoutMs)) {
+    do_disconnect();
+    return false;
+  }
 
   log_out("old: ", connected_host, " port: ", port);
   connected_host = host_name;
@@ -279,13 +343,13 @@ void UCurl::invalidate_current_cache_server() {
 }
 
 bool UCurl::send_data(std::string data) {
-  if (!sock.valid() || poll_one(sock.get(), POLLOUT, kSendTimeoutMs) != 1) {
+  const long sent = sock.send(data.data(), data.size(), kSendTimeoutMs);
+  if (sent == -2) {
     log_err("Send timeout");
     do_disconnect();
     return false;
   }
-  // One write; a short write is not retried (requests are a few hundred bytes).
-  if (::send(sock.get(), data.data(), data.size(), MSG_NOSIGNAL) < 0) {
+  if (sent < 0) {
     log_err("Send failed");
     invalidate_current_cache_server();
     do_disconnect();
@@ -296,7 +360,7 @@ bool UCurl::send_data(std::string data) {
 
 std::string UCurl::receive(unsigned long len, long timeout) {
   if (scratch_.size() < len) scratch_.resize(len);
-  const long n = read_with_timeout(sock.get(), scratch_.data(), len, seconds_to_ms(timeout));
+  const long n = sock.read(scratch_.data(), len, seconds_to_ms(timeout));
   if (n == -2) {
     do_disconnect();
     throw UCurlExceptionRecvError("recv timeout1");
@@ -310,7 +374,7 @@ std::string UCurl::receive(unsigned long len, long timeout) {
 }
 
 unsigned long UCurl::receive_stream(char* buf, unsigned long len) {
-  const long n = read_with_timeout(sock.get(), buf, len, kStreamTimeoutMs);
+  const long n = sock.read(buf, len, kStreamTimeoutMs);
   if (n == -2) {
     do_disconnect();
     throw UCurlExceptionRecvError("recv timeout2");

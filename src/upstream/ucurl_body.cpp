@@ -7,11 +7,13 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 
 #include "buffer/cbuffer.h"
+#include "upstream/chunked.h"
 #include "upstream/ucurl.h"
 #include "util/log.h"
 
@@ -22,13 +24,6 @@ constexpr int kAesKeyBytes = 16;
 
 // atol without undefined behaviour on overflow: saturates at the long long range.
 long long to_long(const std::string& text) { return std::strtoll(text.c_str(), nullptr, 10); }
-
-const header* find_header(const std::vector<header>& headers, const char* name) {
-  for (const header& h : headers) {
-    if (h.name == name) return &h;  // exact case: "content-length" is not found
-  }
-  return nullptr;
-}
 
 // The first byte position of a Content-Range value such as "bytes 5000-9999/10000".
 uint64_t content_range_start(const std::string& value) {
@@ -42,7 +37,50 @@ uint64_t content_range_start(const std::string& value) {
 
 unsigned char* as_bytes(char* p) { return reinterpret_cast<unsigned char*>(p); }
 
+// Whether a Transfer-Encoding value ends in the "chunked" coding.
+bool ends_chunked(std::string value) {
+  for (char& c : value) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.pop_back();
+  if (!value.ends_with("chunked")) return false;
+  const size_t before = value.size() - 7;
+  return before == 0 || value[before - 1] == ',' || value[before - 1] == ' ';
+}
+
 }  // namespace
+
+// How an HTTP/1.1 body ends (RFC 9112 section 6.3): after its last chunk when the final
+// transfer coding is chunked; at the close for any other transfer coding; after Content-Length
+// bytes; and at the close when neither is given.
+class UCurl::BodyFraming {
+ public:
+  explicit BodyFraming(const std::vector<header>& headers) {
+    const header* coding = find_header(headers, "Transfer-Encoding");
+    const header* length = find_header(headers, "Content-Length");
+    if (coding != nullptr) {
+      kind_ = ends_chunked(coding->value) ? Kind::chunked : Kind::close;
+    } else if (length != nullptr) {
+      kind_ = Kind::length;
+      length_ = to_long(length->value);
+    }
+  }
+
+  // Takes `n` bytes received at `data` and returns how many payload bytes are now at
+  // data[0, result): all of them, or what the chunk framing carried.
+  size_t take(char* data, size_t n) { return kind_ == Kind::chunked ? chunks_.decode(data, n) : n; }
+  // Whether the body goes on after `got` payload bytes.
+  bool wants_more(long long got) const {
+    if (kind_ == Kind::length) return got < length_;
+    if (kind_ == Kind::chunked) return !chunks_.done() && !chunks_.failed();
+    return true;
+  }
+  bool malformed() const { return chunks_.failed(); }
+
+ private:
+  enum class Kind { length, chunked, close };
+  Kind kind_ = Kind::close;
+  long long length_ = 0;
+  ChunkedDecoder chunks_;
+};
 
 bool UCurl::get_read_body(std::string* response, std::string* out, CBuffer* buffer,
                           unsigned long* received, std::string key,
@@ -69,24 +107,27 @@ bool UCurl::get_read_body(std::string* response, std::string* out, CBuffer* buff
   long long got = 0;
 
   if (http11 == 1) {
-    const header* length = find_header(headers, "Content-Length");
-    if (length == nullptr) {
-      log_err("Content-Length unknown");
-      decrypt_ctx.reset();
-      return false;
-    }
-    const long long content_length = to_long(length->value);
+    BodyFraming framing(headers);
     stream_pos = 0;
     if (const header* range = find_header(headers, "Content-Range")) {
       stream_pos = content_range_start(range->value);
     }
+    // `got` and `stream_pos` count payload: the bytes a Range request counts.
+    response->resize(framing.take(response->data(), response->size()));
     got = static_cast<long long>(response->size());
     stream_pos += response->size();
-    const bool ok =
-        out == nullptr
-            ? read_body_into_buffer(response, buffer, content_length, &got, should_finish)
-            : read_body_into_string(response, out, content_length, &got, should_finish);
+    bool ok = true;
+    if (out == nullptr) {
+      read_body_into_buffer(response, buffer, framing, &got, should_finish);
+    } else {
+      ok = read_body_into_string(response, out, framing, &got, should_finish);
+    }
     *received = static_cast<unsigned long>(got);
+    if (framing.malformed()) {
+      // Ends like a cut body, but the connection is mid-message: it cannot be reused.
+      log_err("Malformed chunked body");
+      do_disconnect();
+    }
     if (!ok) {
       decrypt_ctx.reset();
       return false;
@@ -135,7 +176,7 @@ bool UCurl::get_read_body(std::string* response, std::string* out, CBuffer* buff
   return true;
 }
 
-bool UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, long long content_length,
+void UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, BodyFraming& framing,
                                   long long* got, const std::atomic<bool>* should_finish) {
   EVP_CIPHER_CTX* ctx = decrypt_ctx.get();
   if (ctx == nullptr) {
@@ -154,7 +195,9 @@ bool UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, long l
   // buffer, so a clear stream's segment client never touches (and keeps) those 128 KiB.
   if (ctx != nullptr && scratch_.size() < kBodyReadSize) scratch_.resize(kBodyReadSize);
 
-  while (*got < content_length) {
+  // Bounded by the framing and by each receive's time-out; a close-delimited body runs until
+  // the close (or the stop flag), as an HTTP/1.0 one always has.
+  while (framing.wants_more(*got)) {
     if (should_finish != nullptr && should_finish->load()) {
       log_out("forced stream break. should finish");
       do_disconnect();
@@ -162,15 +205,17 @@ bool UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, long l
     }
     long n = 0;
     if (ctx == nullptr) {
-      // Clear data goes straight into the buffer's memory.
+      // Clear data goes straight into the buffer's memory, and a chunked body is decoded there.
       char* room = nullptr;
       const unsigned long avail = buffer->write_get_available(&room);
       n = static_cast<long>(receive_stream(room, std::min(avail, kBodyReadSize)));
       if (n < 1) break;
+      n = static_cast<long>(framing.take(room, static_cast<size_t>(n)));
       buffer->write_notify_written(static_cast<unsigned long>(n));
     } else {
       n = static_cast<long>(receive_stream(scratch_.data(), kBodyReadSize));
       if (n < 1) break;
+      n = static_cast<long>(framing.take(scratch_.data(), static_cast<size_t>(n)));
       char* room = nullptr;
       unsigned long avail = buffer->write_get_available(&room);
       if (avail < kDecryptRoom) avail = buffer->write_get_available_newblock(&room);
@@ -193,21 +238,21 @@ bool UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, long l
     EVP_DecryptFinal_ex(ctx, as_bytes(room), &produced);
     buffer->write_notify_written(static_cast<unsigned long>(produced));
   }
-  return true;
 }
 
-bool UCurl::read_body_into_string(std::string* response, std::string* out, long long content_length,
+bool UCurl::read_body_into_string(std::string* response, std::string* out, BodyFraming& framing,
                                   long long* got, const std::atomic<bool>* should_finish) {
   out->swap(*response);
   response->clear();
-  while (*got < content_length) {
-    const std::string chunk = receive(kBodyReadSize, kBodyTimeoutSeconds);
+  while (framing.wants_more(*got)) {
+    std::string chunk = receive(kBodyReadSize, kBodyTimeoutSeconds);
     if (chunk.empty()) break;
     if (should_finish != nullptr && should_finish->load()) {
       log_out("forced stream break. should finish");
       do_disconnect();
       break;
     }
+    chunk.resize(framing.take(chunk.data(), chunk.size()));
     if (out->size() + chunk.size() > kMaxStringBody) {
       log_err("Body too large");
       do_disconnect();
@@ -224,9 +269,17 @@ int64_t UCurl::get_stream(std::string url, CBuffer* buffer, bool close_after, do
                           unsigned long from_bytes) {
   std::string response;
   stream_pos = 0;
+  // A resumed segment continues where its bytes came from: the URL its redirects led to.
+  if (url != stream_url_ || from_bytes == 0) {
+    stream_url_ = url;
+    stream_final_url_ = url;
+  }
   try {
     for (int call = 1;; ++call) {
-      if (get_common(url, &response, true, from_bytes)) break;
+      if (get_common(stream_final_url_, &response, true, from_bytes)) {
+        stream_final_url_ = effective_url;
+        break;
+      }
       log_err("get_stream / get common failed - retry ", call);
       response.clear();
       if (call == kStreamCalls) return -1;

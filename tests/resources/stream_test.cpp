@@ -37,16 +37,19 @@ class Stream : public ::testing::Test {
  protected:
   void SetUp() override { LogCapture::instance().clear(); }
 
-  // Streams `p` through `server` until it closes, waits for the clean-up line (every engine
-  // thread joined) and checks that the body is exactly the segments the engine reported.
-  Segments stream(const Presentation& p, const std::string& query = "", std::string url = "") {
+  // Streams `p` (from `o`, or `origin`; at `master`, or its master's URL there) through
+  // `server` until it closes, waits for the clean-up line (every engine thread joined) and
+  // checks that the body is exactly the segments the engine reported.
+  Segments stream(const Presentation& p, const std::string& query = "",
+                  const ScriptedOrigin* o = nullptr, std::string master = "") {
+    if (o == nullptr) o = &origin;
+    if (master.empty()) master = o->url(p.master_path());
     LogCapture::instance().clear();
-    if (url.empty()) url = origin.url(p.master_path());
-    const StreamResult r = fetch_stream(server.port(), url, kDeadline, query);
+    const StreamResult r = fetch_stream(server.port(), master, kDeadline, query);
     EXPECT_TRUE(r.closed) << p.name << query;
     EXPECT_EQ(r.head, kStreamHead);
     EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
-    const Segments d = delivered_segments(origin, p);
+    const Segments d = delivered_segments(*o, p);
     EXPECT_TRUE(r.body == bytes_of(p, d)) << p.name << ": body of " << r.body.size() << " bytes";
     return d;
   }
@@ -70,7 +73,7 @@ TEST_F(Stream, VodStartsLowSwitchesUpAndDeliversEverySegmentOnce) {
 TEST_F(Stream, AMediaPlaylistAsTheUrlIsTheOnlyVariantAndIsFetchedOnce) {
   const Presentation p{"media", {500000}, 1, 4, 20 * 1024};
   p.install(origin);
-  EXPECT_EQ(sequences(stream(p, "", origin.url(p.playlist_path(0)))), range(1, 4));
+  EXPECT_EQ(sequences(stream(p, "", nullptr, origin.url(p.playlist_path(0)))), range(1, 4));
   EXPECT_EQ(origin.requests(p.playlist_path(0)).size(), 1u);
 }
 
@@ -181,6 +184,17 @@ TEST_F(Stream, EncryptedSegmentsAreDecryptedAndAStallResumesMidCipherBlock) {
       1u);
 }
 
+// An https master behind a redirect from http, its playlists, key and segments all chunked.
+TEST_F(Stream, ChunkedHttpsPresentationBehindARedirectPlaysByteExact) {
+  ScriptedOrigin tls(false, Tls::trusted);
+  const Presentation p{"tls", {500000}, 1, 4, 200 * 1024 + 7, 2, true, "k-0123456789abcd"};
+  p.install(tls, {.chunked = true});
+  origin.set("/moved.m3u8", Reply::redirect(302, tls.url(p.master_path())));
+  EXPECT_EQ(sequences(stream(p, "", &tls, origin.url("/moved.m3u8"))), range(1, 4));
+  EXPECT_EQ(tls.requests("/tls/key").size(), 1u);
+  EXPECT_EQ(LogCapture::instance().count("TLS: "), 0u);
+}
+
 TEST_F(Stream, FailedSegmentsAreSkippedAndFourInARowEndTheStream) {
   const Presentation p{"skip", {500000}, 1, 7, 10 * 1024};
   p.install(origin);
@@ -206,8 +220,18 @@ TEST_F(Stream, UnavailablePlaylistsEndTheStreamAfterItsHeader) {
   for (int v = 0; v < 2; ++v) origin.set(p.playlist_path(v), Reply{.raw = "HTTP/1.1 404 No\r\n"});
   EXPECT_TRUE(stream(p).empty());
   EXPECT_EQ(LogCapture::instance().count("marking this variant as invalid", true), 2u);
+  ScriptedOrigin untrusted(false, Tls::untrusted);
+  untrusted.set("/m.m3u8", Reply::ok("#EXTM3U"));
+  EXPECT_TRUE(fetch_stream(server.port(), untrusted.url("/m.m3u8"), kDeadline).body.empty());
+  EXPECT_EQ(
+      LogCapture::instance().count(
+          "TLS: certificate verify failed: self-signed certificate (" + untrusted.authority() + ")",
+          true),
+      4u * 6u);  // every attempt of every call
+  EXPECT_TRUE(untrusted.requests().empty());
+  // The server goes on serving.
   EXPECT_TRUE(fetch_stream(server.port(), origin.url("/none.m3u8"), kDeadline).body.empty());
-  EXPECT_EQ(LogCapture::instance().count("failed to get master playlist", true), 1u);
+  EXPECT_EQ(LogCapture::instance().count("failed to get master playlist", true), 2u);
 }
 
 TEST_F(Stream, SilentOriginEndsTheStreamAfterFifteenSecondsWithoutData) {

@@ -55,7 +55,12 @@ std::string Presentation::url(const ScriptedOrigin& origin, const std::string& p
   return host.empty() ? origin.url(path) : "http://" + host + path;
 }
 
-void Presentation::install(ScriptedOrigin& origin) const {
+void Presentation::install(ScriptedOrigin& origin, const Reply& style) const {
+  auto reply = [&style](std::string body) {
+    Reply r = style;
+    r.body = std::move(body);
+    return r;
+  };
   std::string master = "#EXTM3U\n";
   for (size_t v = 0; v < bandwidths.size(); ++v) {
     const int vi = static_cast<int>(v);
@@ -63,14 +68,14 @@ void Presentation::install(ScriptedOrigin& origin) const {
               ",RESOLUTION=640x360\n" + url(origin, playlist_path(vi)) + "\n";
     for (int i = 0; i < count; ++i) {
       const uint64_t seq = first_sequence + static_cast<uint64_t>(i);
-      Reply r = Reply::ok(segment_bytes(vi, seq, segment_size));
+      Reply r = reply(segment_bytes(vi, seq, segment_size));
       r.encrypt_key = key;
       origin.set(segment_path(vi, seq), r);
     }
-    origin.set(playlist_path(vi), Reply::ok(media_playlist(origin, vi, first_sequence, count)));
+    origin.set(playlist_path(vi), reply(media_playlist(origin, vi, first_sequence, count)));
   }
-  if (!key.empty()) origin.set("/" + name + "/key", Reply::ok(key));
-  origin.set(master_path(), Reply::ok(master));
+  if (!key.empty()) origin.set("/" + name + "/key", reply(key));
+  origin.set(master_path(), reply(master));
 }
 
 StreamResult fetch_stream(int port, const std::string& master_url,

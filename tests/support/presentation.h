@@ -37,7 +37,8 @@ struct Presentation {
   std::string segment_path(int v, uint64_t seq) const;
   // The media playlist of variant v listing sequences [first, first + n).
   std::string media_playlist(const ScriptedOrigin& origin, int v, uint64_t first, int n) const;
-  void install(ScriptedOrigin& origin) const;
+  // Sets every reply of the presentation on `origin`, each a copy of `style` with its body.
+  void install(ScriptedOrigin& origin, const Reply& style = {}) const;
   std::string url(const ScriptedOrigin& origin, const std::string& path,
                   bool segment = false) const;
 };

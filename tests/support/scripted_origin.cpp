@@ -3,11 +3,15 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 
@@ -25,9 +29,70 @@ std::string header_value(const std::string& head, std::string name) {
   return head.substr(at, head.find("\r\n", at) - at);
 }
 
-// One connection's socket and the origin's stop signal: every wait ends when the origin stops.
+// A server context with a fresh self-signed P-256 certificate for 127.0.0.1, ::1 and
+// localhost, written to `trust_file` when one is given.
+SSL_CTX* make_server_context(const char* name, const char* trust_file) {
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+  std::unique_ptr<X509, decltype(&X509_free)> cert(X509_new(), &X509_free);
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 7 * 86400);
+  X509_set_pubkey(cert.get(), key.get());
+  X509_NAME* subject = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), subject);
+  X509V3_CTX v3;
+  X509V3_set_ctx_nodb(&v3);
+  X509V3_set_ctx(&v3, cert.get(), cert.get(), nullptr, nullptr, 0);
+  X509_EXTENSION* san =
+      X509V3_EXT_conf_nid(nullptr, &v3, NID_subject_alt_name, "IP:127.0.0.1,IP:::1,DNS:localhost");
+  X509_add_ext(cert.get(), san, -1);
+  X509_EXTENSION_free(san);
+  X509_sign(cert.get(), key.get(), EVP_sha256());
+  SSL_CTX* ctx = SSL_CTX_new(TLS_server_method());
+  if (SSL_CTX_use_certificate(ctx, cert.get()) != 1 || SSL_CTX_use_PrivateKey(ctx, key.get()) != 1)
+    throw std::runtime_error("origin: cannot make a certificate");
+  SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  if (trust_file != nullptr) {
+    FILE* f = std::fopen(trust_file, "w");
+    PEM_write_X509(f, cert.get());
+    std::fclose(f);
+  }
+  return ctx;
+}
+
+// The two server contexts, made when the test program starts: setenv is only safe before
+// any other thread runs, and the client context reads SSL_CERT_FILE on its first use. The trust
+// file goes when the program ends.
+struct ServerContexts {
+  char file[32] = "/tmp/skerir-trust-XXXXXX";
+  SSL_CTX* trusted;
+  SSL_CTX* untrusted;
+  ServerContexts() {
+    std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes with write(2), on both sides
+    ::close(::mkstemp(file));
+    trusted = make_server_context("skerir trusted origin", file);
+    untrusted = make_server_context("skerir untrusted origin", nullptr);
+    ::setenv("SSL_CERT_FILE", file, 1);
+  }
+  ~ServerContexts() {
+    ::unlink(file);
+    SSL_CTX_free(trusted);
+    SSL_CTX_free(untrusted);
+  }
+} const server_contexts;
+
+SSL_CTX* server_context(Tls tls) {
+  return tls == Tls::trusted ? server_contexts.trusted : server_contexts.untrusted;
+}
+
+// One connection's socket (and TLS session) and the origin's stop signal: every wait ends when
+// the origin stops.
 struct Wire {
   int fd, wake;
+  SSL* ssl = nullptr;
 
   bool wait(short events) const {
     pollfd p[2] = {{fd, events, 0}, {wake, POLLIN, 0}};
@@ -40,17 +105,34 @@ struct Wire {
     const auto ms = std::chrono::ceil<std::chrono::milliseconds>(d).count();
     return ms <= 0 || ::poll(&p, 1, static_cast<int>(ms)) == 0;
   }
+  // What to wait for before calling again after result `r`; 0 when the call failed for good.
+  short retry(long r, short plain) const {
+    if (ssl == nullptr) return r < 0 && errno == EAGAIN ? plain : 0;
+    const int e = SSL_get_error(ssl, static_cast<int>(r));
+    return e == SSL_ERROR_WANT_READ ? POLLIN : e == SSL_ERROR_WANT_WRITE ? POLLOUT : 0;
+  }
   bool read_some(std::string* out) const {
     char buf[4096];
-    const ssize_t n = wait(POLLIN) ? ::read(fd, buf, sizeof(buf)) : 0;
-    if (n > 0) out->append(buf, static_cast<size_t>(n));
-    return n > 0 || (n < 0 && errno == EAGAIN);
+    for (;;) {
+      const long n = ssl ? SSL_read(ssl, buf, sizeof(buf)) : ::read(fd, buf, sizeof(buf));
+      if (n > 0) return out->append(buf, static_cast<size_t>(n)), true;
+      if (const short events = retry(n, POLLIN); events == 0 || !wait(events)) return false;
+    }
   }
   bool send_all(const char* p, size_t n) const {
     while (n > 0) {
-      const ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
-      if (w < 0 && (errno != EAGAIN || !wait(POLLOUT))) return false;
-      if (w > 0) p += w, n -= static_cast<size_t>(w);
+      const long w = ssl ? SSL_write(ssl, p, static_cast<int>(n)) : ::send(fd, p, n, MSG_NOSIGNAL);
+      if (w > 0) {
+        p += w, n -= static_cast<size_t>(w);
+      } else if (const short events = retry(w, POLLOUT); events == 0 || !wait(events)) {
+        return false;
+      }
+    }
+    return true;
+  }
+  bool handshake() const {
+    for (int r; (r = SSL_accept(ssl)) != 1;) {
+      if (const short events = retry(r, POLLIN); events == 0 || !wait(events)) return false;
     }
     return true;
   }
@@ -103,8 +185,19 @@ bool respond(const Wire& wire, const std::string& request, const Reply& r) {
       body.erase(0, from);
     }
   }
+  if (r.chunked) {
+    std::string framed;
+    for (size_t at = 0, n, k = 0; at < body.size(); at += n, ++k) {
+      n = std::min<size_t>(body.size() - at, k % 2 ? 8191 : 3);
+      char line[40];
+      std::snprintf(line, sizeof(line), "%zx;k=%zu\r\n", n, k);
+      framed += line + body.substr(at, n) + "\r\n";
+    }
+    body = framed + "0\r\nX-Trailer: t\r\n\r\n";
+    head += "Transfer-Encoding: chunked\r\n";
+  }
   const uint64_t total = r.length.value_or(body.size());
-  if (!r.http10) head += "Content-Length: " + std::to_string(total) + "\r\n";
+  if (!r.http10 && !r.chunked) head += "Content-Length: " + std::to_string(total) + "\r\n";
   for (const auto& [name, value] : r.headers) head += name + ": " + value + "\r\n";
   head = (r.http10 ? "HTTP/1.0 " : "HTTP/1.1 ") + std::to_string(status) +
          (status < 300 ? " OK\r\n" : " Status\r\n") + head + "\r\n";
@@ -136,7 +229,7 @@ std::string aes128_cbc_encrypt(const std::string& plain, const std::string& key)
   return out;
 }
 
-ScriptedOrigin::ScriptedOrigin(bool ipv6) : ipv6_(ipv6) {
+ScriptedOrigin::ScriptedOrigin(bool ipv6, Tls tls) : ipv6_(ipv6), tls_(tls) {
   sockaddr_in6 sa6{.sin6_family = AF_INET6, .sin6_addr = in6addr_loopback};
   sockaddr_in sa4{.sin_family = AF_INET, .sin_addr = {htonl(INADDR_LOOPBACK)}};
   auto* sa = ipv6 ? reinterpret_cast<sockaddr*>(&sa6) : reinterpret_cast<sockaddr*>(&sa4);
@@ -165,7 +258,7 @@ std::string ScriptedOrigin::authority() const {
 }
 
 std::string ScriptedOrigin::url(const std::string& path) const {
-  return "http://" + authority() + path;
+  return (tls_ == Tls::none ? "http://" : "https://") + authority() + path;
 }
 
 void ScriptedOrigin::set(const std::string& path, Reply reply) {
@@ -234,9 +327,12 @@ void ScriptedOrigin::accept_loop() {
 }
 
 void ScriptedOrigin::serve(int fd, size_t id, bool* done) {
-  const Wire wire{fd, wake_fd_};
+  std::unique_ptr<SSL, decltype(&SSL_free)> ssl(
+      tls_ == Tls::none ? nullptr : SSL_new(server_context(tls_)), &SSL_free);
+  const Wire wire{fd, wake_fd_, ssl.get()};
+  const bool ready = !ssl || (SSL_set_fd(ssl.get(), fd) && wire.handshake());
   std::string pending;
-  for (size_t end;;) {
+  for (size_t end; ready;) {
     while ((end = pending.find("\r\n\r\n")) == std::string::npos && pending.size() < (1 << 20) &&
            wire.read_some(&pending)) {
     }
@@ -247,6 +343,7 @@ void ScriptedOrigin::serve(int fd, size_t id, bool* done) {
     rec.target = rec.head.substr(sp + 1, rec.head.find(' ', sp + 1) - sp - 1);
     rec.host = header_value(rec.head, "host");
     rec.range = header_value(rec.head, "range");
+    rec.resumed = ssl && SSL_session_reused(ssl.get());
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(rec);
@@ -254,8 +351,9 @@ void ScriptedOrigin::serve(int fd, size_t id, bool* done) {
     }
     if (!respond(wire, rec.head, *take(rec.target))) break;
   }
-  // Half-closes, then discards what the client still sends until it closes, so that the client
-  // reads an end of stream rather than a reset.
+  // Half-closes (after close_notify), then discards what the client still sends until it
+  // closes, so that the client reads an end of stream rather than a reset.
+  if (ssl && SSL_is_init_finished(ssl.get())) SSL_shutdown(ssl.get());
   ::shutdown(fd, SHUT_WR);
   for (std::string sink; sink.size() < (1 << 20) && wire.read_some(&sink);) {
   }

@@ -1,6 +1,9 @@
 // A scripted HTTP/1.1 origin on loopback (ephemeral port) for tests: each path has a standing
 // reply and optionally a queue of one-shot replies served first, every request is recorded,
-// and replies carry faults (stalls, cuts, throttling, garbage, lying lengths).
+// and replies carry faults (stalls, cuts, throttling, garbage, lying lengths). It listens on
+// 127.0.0.1 or ::1, in plain HTTP or TLS with a self-signed certificate for both addresses
+// made at run time: the trusted one is put in a PEM file that SSL_CERT_FILE names for the
+// whole test process; the untrusted one is in no trust store.
 //
 // Threads: one accept thread and one per connection; public methods are thread-safe and may be
 // called while requests are served. The destructor wakes every stalled connection and joins
@@ -34,6 +37,8 @@ struct Reply {
   std::chrono::milliseconds stall_for{0};
   std::optional<size_t> close_after;  // end the connection after this many body bytes
   size_t rate = 0;                    // bytes per second, headers included; 0: at once
+  bool chunked = false;  // "Transfer-Encoding: chunked", in chunks of 3 and 8191 bytes with
+                         // extensions and a trailer
 
   static Reply ok(std::string body);
   static Reply with_status(int code);
@@ -44,16 +49,19 @@ struct RecordedRequest {
   size_t connection = 0;  // number of the connection it came on, from 0
   std::string head;       // the request bytes up to and including the blank line
   std::string target, host, range;
+  bool resumed = false;  // the TLS session of its connection was resumed
 };
+
+enum class Tls { none, trusted, untrusted };
 
 class ScriptedOrigin {
  public:
-  explicit ScriptedOrigin(bool ipv6 = false);  // 127.0.0.1, or ::1
+  explicit ScriptedOrigin(bool ipv6 = false, Tls tls = Tls::none);  // 127.0.0.1, or ::1
   ~ScriptedOrigin();
 
   int port() const { return port_; }
   std::string authority() const;                   // "127.0.0.1:<port>" or "[::1]:<port>"
-  std::string url(const std::string& path) const;  // "http://" + authority() + path
+  std::string url(const std::string& path) const;  // "http(s)://" + authority() + path
 
   // The standing reply of `path`; a path without one answers 404.
   void set(const std::string& path, Reply reply);
@@ -75,6 +83,7 @@ class ScriptedOrigin {
   std::shared_ptr<const Reply> take(const std::string& target);
 
   bool ipv6_;
+  Tls tls_;
   int listen_fd_ = -1, wake_fd_ = -1, port_ = 0;  // wake_fd_ is readable once stopping
   mutable std::mutex mutex_;                      // guards what follows
   mutable std::condition_variable changed_;

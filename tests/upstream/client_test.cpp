@@ -66,6 +66,14 @@ TEST_F(UpstreamClient, GetJudgesStatusHeadersAndFraming) {
       {{.body = "old", .http10 = true}, true, "old", 1},
       {{.raw = "HTTP/1.1 200 OK\r\nContent-Length:   4  \r\nX:\r\n\r\nbody"}, true, "body", 1},
       {{.raw = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort"}, true, "short", 1},
+      {{.body = std::string(20000, 'c'), .chunked = true}, true, std::string(20000, 'c'), 1},
+      {{.raw = "HTTP/1.1 200\r\ncontent-length: 4\r\n\r\nbody"}, true, "body", 1},
+      {{.raw = "HTTP/1.1 200 OK\r\nX: y\r\n\r\nto the close"}, true, "to the close", 1},
+      {{.raw = "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: x, Chunked\r\n\r\n5\r\nhello\r\nzz\r\nworld"},
+       true,
+       "hello",
+       1,
+       "Malformed chunked body"},
       {{.raw = "HTTP/1.1 404 Not Found\r\n"}, false, "", 6, "get common failed - retry 6"},
       {{.raw = "HTTP/1.1\r\n"}, false, "", 6, "HTTP response first_line: HTTP/1.1"},
       {{.raw = "HTTP/1.1 200 OK\r\nX: 4\r\n"}, false, "", 1, "Excep: connection closed in headers"},
@@ -83,26 +91,64 @@ TEST_F(UpstreamClient, GetJudgesStatusHeadersAndFraming) {
   }
 }
 
+// Over plain and TLS connections, on IPv4 and IPv6 alike.
 TEST_F(UpstreamClient, SegmentsReuseTheConnectionAndRequestsAreExact) {
-  origin.set("/a.ts", Reply::ok("AAAA"));
-  origin.set("/b.ts", {.body = "B", .close_after = 1});  // the origin closes after it
+  for (const auto& [ipv6, tls] : {std::pair{false, Tls::none},
+                                  {false, Tls::trusted},
+                                  {true, Tls::none},
+                                  {true, Tls::trusted}}) {
+    LogCapture::instance().clear();
+    ScriptedOrigin o(ipv6, tls);
+    o.set("/a.ts", Reply::ok("AAAA"));
+    o.set("/b.ts", {.body = "B", .close_after = 1});  // the origin closes after it
+    UCurl u;
+    std::string got;
+    EXPECT_EQ(fetch(u, o.url("/a.ts"), &got), 4);
+    EXPECT_EQ(fetch(u, o.url("/b.ts"), &got), 1);
+    EXPECT_EQ(fetch(u, o.url("/a.ts"), &got), 4);  // the closed connection is replaced
+    std::string text;
+    u.extra_headers = {{"X-Trace", "t1"}};
+    EXPECT_TRUE(u.get(o.url("/b.ts"), &text));  // on the kept connection, asking to close it
+    EXPECT_EQ(got + text, "AAAABAAAAB");
+    const auto reqs = o.requests();
+    ASSERT_EQ(reqs.size(), 4u);
+    EXPECT_EQ(reqs[0].connection + reqs[1].connection + reqs[2].connection + reqs[3].connection,
+              2u);
+    EXPECT_EQ(reqs[2].resumed, tls == Tls::trusted);  // the new connection resumed the session
+    const std::string host = "Host: " + o.authority() + "\r\n";
+    EXPECT_EQ(reqs[0].head, "GET /a.ts HTTP/1.1\r\n" + host + "Connection: keep-alive\r\n\r\n");
+    EXPECT_EQ(reqs[3].head,
+              "GET /b.ts HTTP/1.1\r\n" + host + "Connection: close\r\nX-Trace: t1\r\n\r\n");
+    EXPECT_EQ(logged("reusing existing connection"), 3u);
+    EXPECT_EQ(logged("Trying to reconnect when read response failed"), 1u);
+    EXPECT_EQ(LogCapture::instance().count("TLS: "), 0u);
+    EXPECT_FALSE(u.sock.valid());
+  }
+}
+
+// Relative and absolute, http to https and back; a loop ends after five hops like a refusal.
+TEST_F(UpstreamClient, RedirectsAreFollowedAcrossSchemesUpToFiveHops) {
+  ScriptedOrigin tls(false, Tls::trusted);
+  origin.set("/a/start.m3u8", Reply::redirect(301, "../b/next.m3u8?x=1"));
+  origin.set("/b/next.m3u8?x=1", Reply::redirect(302, tls.url("/c")));
+  tls.set("/c", Reply::redirect(303, origin.url("/final.m3u8")));
+  origin.set("/final.m3u8", Reply::ok("#EXTM3U"));
   UCurl u;
-  std::string got;
-  EXPECT_EQ(fetch(u, origin.url("/a.ts"), &got), 4);
-  EXPECT_EQ(fetch(u, origin.url("/b.ts"), &got), 1);
-  EXPECT_EQ(fetch(u, origin.url("/a.ts"), &got), 4);  // the closed connection is replaced
-  std::string text;
-  EXPECT_TRUE(u.get(origin.url("/b.ts"), &text));  // on the kept connection, asking to close it
-  EXPECT_EQ(got + text, "AAAABAAAAB");
-  const auto reqs = origin.requests();
-  ASSERT_EQ(reqs.size(), 4u);
-  EXPECT_EQ(reqs[0].connection + reqs[1].connection + reqs[2].connection + reqs[3].connection, 2u);
-  const std::string host = "Host: " + origin.authority() + "\r\n";
-  EXPECT_EQ(reqs[0].head, "GET /a.ts HTTP/1.1\r\n" + host + "Connection: keep-alive\r\n\r\n");
-  EXPECT_EQ(reqs[3].head, "GET /b.ts HTTP/1.1\r\n" + host + "Connection: close\r\n\r\n");
-  EXPECT_EQ(logged("reusing existing connection"), 3u);
-  EXPECT_EQ(logged("Trying to reconnect when read response failed"), 1u);
-  EXPECT_FALSE(u.sock.valid());
+  std::string body;
+  EXPECT_TRUE(u.get(origin.url("/a/start.m3u8"), &body));
+  EXPECT_EQ(body, "#EXTM3U");
+  EXPECT_EQ(u.effective_url, origin.url("/final.m3u8"));
+  for (const std::string& to : {origin.url("/b/next.m3u8?x=1"), tls.url("/c"), u.effective_url})
+    EXPECT_EQ(logged("redirect to: " + to), 1u) << to;
+
+  origin.set("/loop", Reply::redirect(307, origin.url("/loop")));
+  origin.set("/nowhere", Reply::with_status(302));
+  EXPECT_FALSE(u.get(origin.url("/loop"), &body));
+  EXPECT_EQ(origin.requests("/loop").size(), 6u * kGetCalls);
+  EXPECT_EQ(logged("HTTP response first_line: HTTP/1.1 307 Status"), 6u);
+  std::string response;
+  EXPECT_FALSE(u.get_common(origin.url("/nowhere"), &response, false, 0));
+  EXPECT_EQ(origin.requests("/nowhere").size(), 1u);
 }
 
 TEST_F(UpstreamClient, FailedAttemptsAreRetriedAndDeadCacheServersDropped) {
@@ -126,6 +172,17 @@ TEST_F(UpstreamClient, FailedAttemptsAreRetriedAndDeadCacheServersDropped) {
   }
   EXPECT_EQ(logged("Not HTTP/1.x?"), 4u);
   EXPECT_EQ(logged("Where is http state?"), 4u);
+  // A URL or header that would smuggle a second request never leaves the client.
+  EXPECT_FALSE(
+      u.get_common(origin.url("/p HTTP/1.1\r\nHost: x\r\n\r\nGET /evil"), &response, false, 0));
+  u.extra_headers = {{"X", "1\r\n\r\nGET /evil HTTP/1.1"}};
+  EXPECT_FALSE(u.get_common(origin.url("/p"), &response, false, 0));
+  u.extra_headers.clear();
+  EXPECT_TRUE(origin.requests().empty());
+  EXPECT_EQ(
+      logged("Excep: URL refused: a space at offset " + std::to_string(origin.url("").size() + 2)),
+      4u);
+  EXPECT_EQ(logged("Excep: header refused: control character in the value of X"), 4u);
   // A dead cache server is invalidated before the third attempt; the next ring serves.
   origin.set("/ch/x/1.ts", Reply::ok("seg"));
   cache_map->setCacheMapString("127.0.0.1:1;" + origin.authority());
@@ -136,15 +193,19 @@ TEST_F(UpstreamClient, FailedAttemptsAreRetriedAndDeadCacheServersDropped) {
 }
 
 TEST_F(UpstreamClient, EncryptedBodiesOfEverySizeDecryptToThePlaintext) {
-  for (size_t size : {0ul, 1ul, 15ul, 16ul, 17ul, 131071ul, 131077ul, 1300000ul}) {
-    // Large bodies arrive in many reads.
-    origin.set("/e.ts",
-               {.body = pattern(size), .encrypt_key = kKey, .rate = size > 1000 ? size * 8 : 0});
-    UCurl u;
-    std::string got;
-    EXPECT_EQ(fetch(u, origin.url("/e.ts"), &got, kKey), size / 16 * 16 + 16);
-    EXPECT_TRUE(got == pattern(size)) << size;
-    EXPECT_EQ(u.decrypt_ctx, nullptr);
+  for (const bool chunked : {false, true}) {
+    for (size_t size : {0ul, 1ul, 15ul, 16ul, 17ul, 131071ul, 131077ul, 1300000ul}) {
+      // Large bodies arrive in many reads.
+      origin.set("/e.ts", {.body = pattern(size),
+                           .encrypt_key = kKey,
+                           .rate = size > 1000 ? size * 8 : 0,
+                           .chunked = chunked});
+      UCurl u;
+      std::string got;
+      EXPECT_EQ(fetch(u, origin.url("/e.ts"), &got, kKey), size / 16 * 16 + 16);
+      EXPECT_TRUE(got == pattern(size)) << size << (chunked ? " chunked" : "");
+      EXPECT_EQ(u.decrypt_ctx, nullptr);
+    }
   }
   origin.set("/old.ts", {.body = "clear", .http10 = true});  // only length-delimited is decrypted
   UCurl u;
@@ -176,29 +237,38 @@ TEST_F(UpstreamClient, StopFlagAndEarlyCloseEndTheTransferWithWhatArrived) {
 }
 
 // A segment cut by a receive time-out is resumed with a Range from stream_pos, continuing the
-// cipher state exactly: the cut splits a cipher block.
+// cipher state exactly: the cut splits a cipher block. The resuming request goes straight to
+// where the first one was redirected, and the redirect's body does not cost the connection.
 TEST_F(UpstreamClient, StalledSegmentResumesWhereItWasCut) {
-  for (const std::string key : {"", "fedcba9876543210"}) {
-    const std::string plain = pattern(1500000);
-    origin.push_next("/s.ts",
-                     {.body = plain, .encrypt_key = key, .stall_at = 700001, .stall_for = 60s});
-    origin.set("/s.ts", {.body = plain, .encrypt_key = key});
-    const size_t served = key.empty() ? plain.size() : plain.size() / 16 * 16 + 16;
-    UCurl u;
-    std::string got;
-    EXPECT_EQ(fetch(u, origin.url("/s.ts"), &got, key), -1);
-    EXPECT_EQ(u.stream_pos, 700001u);
-    CBuffer buffer;  // the bytes of both calls go to one buffer, as the fill thread's do
-    buffer.write(got.data(), got.size());
-    double speed = 0;
-    EXPECT_EQ(u.get_stream(origin.url("/s.ts"), &buffer, false, speed, key, nullptr, 700001),
-              static_cast<int64_t>(served - 700001));
-    EXPECT_EQ(u.stream_pos, served);
-    EXPECT_EQ(origin.requests("/s.ts").back().range, "bytes=700001-");
-    EXPECT_TRUE(drain(buffer) == plain) << "key: " << key;
+  for (const Tls tls : {Tls::none, Tls::trusted}) {
+    for (const std::string key : {"", "fedcba9876543210"}) {
+      ScriptedOrigin o(false, tls);
+      const std::string plain = pattern(1500000);
+      o.set("/r.ts", Reply::redirect(307, "s.ts"));
+      o.push_next("/s.ts",
+                  {.body = plain, .encrypt_key = key, .stall_at = 700001, .stall_for = 60s});
+      o.set("/s.ts", {.body = plain, .encrypt_key = key});
+      const size_t served = key.empty() ? plain.size() : plain.size() / 16 * 16 + 16;
+      UCurl u;
+      std::string got;
+      EXPECT_EQ(fetch(u, o.url("/r.ts"), &got, key), -1);
+      EXPECT_EQ(u.stream_pos, 700001u);
+      CBuffer buffer;  // the bytes of both calls go to one buffer, as the fill thread's do
+      buffer.write(got.data(), got.size());
+      double speed = 0;
+      EXPECT_EQ(u.get_stream(o.url("/r.ts"), &buffer, false, speed, key, nullptr, 700001),
+                static_cast<int64_t>(served - 700001));
+      EXPECT_EQ(u.stream_pos, served);
+      const auto reqs = o.requests();
+      ASSERT_EQ(reqs.size(), 3u);
+      EXPECT_EQ(reqs[1].connection, reqs[0].connection);
+      EXPECT_EQ(reqs[2].target + " " + reqs[2].range, "/s.ts bytes=700001-");
+      EXPECT_EQ(u.effective_url, o.url("/s.ts"));
+      EXPECT_TRUE(drain(buffer) == plain) << "key: " << key;
+    }
   }
-  EXPECT_EQ(logged("Excep: recv timeout2"), 2u);
-  EXPECT_EQ(logged("DEBUG: from bytes specified! 700001"), 2u);
+  EXPECT_EQ(logged("Excep: recv timeout2"), 4u);
+  EXPECT_EQ(logged("DEBUG: from bytes specified! 700001"), 4u);
 }
 
 }  // namespace

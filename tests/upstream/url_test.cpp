@@ -1,7 +1,11 @@
-// URL splitting with cache-server substitution, and the request bytes.
+// The upstream client's pure parts: URL splitting with cache-server substitution, reference
+// resolution, the request bytes, and chunked framing.
+#include "upstream/url.h"
+
 #include <gtest/gtest.h>
 
 #include "cachemap/cachemap.h"
+#include "upstream/chunked.h"
 #include "upstream/ucurl.h"
 
 namespace skerir {
@@ -24,6 +28,10 @@ TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
       {"http://@/seg/1.ts", "10.0.0.1", 8081, "/seg/1.ts", 0, 1},
       {"http://~/a/b.m3u8", "cachehost", 0, "/a/b.m3u8", 0, 2},  // no ":" in the server name
       {"http://@:81/seg", "@", 81, "/seg", 0, 0},                // a named port: no substitution
+      {"https://h/x", "h", 443, "/x", 1, 0},
+      {"https://h:8443", "h", 8443, "/", 1, 0},
+      {"http://[::1]:8080/p", "::1", 8080, "/p", 0, 0},
+      {"https://[2001:db8::1]/a:b", "2001:db8::1", 443, "/a:b", 1, 0},
   };
   for (const auto& c : cases) {
     UCurl u;
@@ -43,6 +51,12 @@ TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
       {"", ""},
       {"http://@/x", "No cache server found"},
       {"http://~/x", "No playlist cache server found"},
+      {"http://h/a b", "URL refused: a space at offset 10"},
+      {"http://h/ HTTP/1.1\r\nHost: x", "URL refused: a space at offset 9"},
+      {"http://h/\r\nX: y", "URL refused: control character 0x0D at offset 9"},
+      {std::string("http://h/\0", 10), "URL refused: control character 0x00 at offset 9"},
+      {"http://h/\x7f", "URL refused: control character 0x7F at offset 9"},
+      {"http://[::1/p", "IPv6 address without ']' in URL"},
   };
   cache_map->setCacheMapString("");
   cache_map_playlist->setCacheMapString("");
@@ -57,12 +71,113 @@ TEST(UpstreamUrl, SplitsSchemeHostPortAndPathAndResolvesPlaceholders) {
   }
 }
 
-TEST(UpstreamUrl, RequestCarriesOnlyHostConnectionAndRange) {
+TEST(UpstreamUrl, RequestCarriesOnlyHostConnectionRangeAndExtraLines) {
   EXPECT_EQ(build_request("/a?b", "h", 80, false, 0),
             "GET /a?b HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n");
   EXPECT_EQ(build_request("/s.ts", "h", 8080, true, 5000),
             "GET /s.ts HTTP/1.1\r\nHost: h:8080\r\nConnection: keep-alive\r\n"
             "Range: bytes=5000-\r\n\r\n");
+  EXPECT_EQ(build_request("/p", "h", 443, false, 0, kDefaultHttpsPort, {{"X-A", "1"}, {"B", ""}}),
+            "GET /p HTTP/1.1\r\nHost: h\r\nConnection: close\r\nX-A: 1\r\nB: \r\n\r\n");
+  EXPECT_EQ(build_request("/p", "::1", 80, false, 0, kDefaultHttpsPort),
+            "GET /p HTTP/1.1\r\nHost: [::1]:80\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(unsafe_header_reason("X-Tab_ok", "a\tb"), "");
+  EXPECT_EQ(unsafe_header_reason("X", "a\r\nGET / HTTP/1.1"),
+            "header refused: control character in the value of X");
+  EXPECT_EQ(unsafe_header_reason("X: y\r\nZ", ""), "header refused: a name that is not a token");
+  EXPECT_NE(unsafe_header_reason("", "v"), "");
+}
+
+// Every example of RFC 3986 section 5.4, normal and abnormal, against its base.
+TEST(UpstreamUrl, ReferencesResolveAsRfc3986Examples) {
+  const char* cases[][2] = {
+      {"g:h", "g:h"},
+      {"g", "http://a/b/c/g"},
+      {"./g", "http://a/b/c/g"},
+      {"g/", "http://a/b/c/g/"},
+      {"/g", "http://a/g"},
+      {"//g", "http://g"},
+      {"?y", "http://a/b/c/d;p?y"},
+      {"g?y", "http://a/b/c/g?y"},
+      {"#s", "http://a/b/c/d;p?q#s"},
+      {"g#s", "http://a/b/c/g#s"},
+      {"g?y#s", "http://a/b/c/g?y#s"},
+      {";x", "http://a/b/c/;x"},
+      {"g;x", "http://a/b/c/g;x"},
+      {"g;x?y#s", "http://a/b/c/g;x?y#s"},
+      {"", "http://a/b/c/d;p?q"},
+      {".", "http://a/b/c/"},
+      {"./", "http://a/b/c/"},
+      {"..", "http://a/b/"},
+      {"../", "http://a/b/"},
+      {"../g", "http://a/b/g"},
+      {"../..", "http://a/"},
+      {"../../", "http://a/"},
+      {"../../g", "http://a/g"},
+      {"../../../g", "http://a/g"},
+      {"../../../../g", "http://a/g"},
+      {"/./g", "http://a/g"},
+      {"/../g", "http://a/g"},
+      {"g.", "http://a/b/c/g."},
+      {".g", "http://a/b/c/.g"},
+      {"g..", "http://a/b/c/g.."},
+      {"..g", "http://a/b/c/..g"},
+      {"./../g", "http://a/b/g"},
+      {"./g/.", "http://a/b/c/g/"},
+      {"g/./h", "http://a/b/c/g/h"},
+      {"g/../h", "http://a/b/c/h"},
+      {"g;x=1/./y", "http://a/b/c/g;x=1/y"},
+      {"g;x=1/../y", "http://a/b/c/y"},
+      {"g?y/./x", "http://a/b/c/g?y/./x"},
+      {"g?y/../x", "http://a/b/c/g?y/../x"},
+      {"g#s/./x", "http://a/b/c/g#s/./x"},
+      {"g#s/../x", "http://a/b/c/g#s/../x"},
+      {"http:g", "http:g"},
+  };
+  for (const auto& [reference, target] : cases) {
+    EXPECT_EQ(resolve_url("http://a/b/c/d;p?q", reference), target) << reference;
+  }
+  // A base with an authority and no path, and an absolute base that an IPv6 host must survive.
+  EXPECT_EQ(resolve_url("https://h", "seg/1.ts"), "https://h/seg/1.ts");
+  EXPECT_EQ(resolve_url("http://[::1]:81/a/m.m3u8?t=1", "v/p.m3u8"), "http://[::1]:81/a/v/p.m3u8");
+}
+
+// Each body is decoded in pieces of every size from one byte up: the framing state must carry
+// across any cut.
+TEST(UpstreamChunked, DecodesAcrossAnyCutAndFailsOnBadFraming) {
+  const struct {
+    std::string in, payload;
+    bool done, failed;
+  } cases[] = {
+      {"5\r\nhello\r\n6;ext=\"a b\"\r\n world\r\n0\r\nTrailer: x\r\n\r\nignored", "hello world",
+       true},
+      {"A\n0123456789\n0\n\n", "0123456789", true},  // bare LF line ends
+      {"0000000000000003 ; x\r\nabc\r\n0\r\n\r\n", "abc", true},
+      {"3\r\nabc\r\n", "abc"},                // cut before the last chunk
+      {"3\r\nabcd\r\n", "abc", false, true},  // the chunk is longer than its size says
+      {"zz\r\nabc", "", false, true},
+      {"\r\n", "", false, true},
+      {"10000000000000000\r\n", "", false, true},  // over 64 bits
+      {"3\r\nabc\r\n0\r\nX: 1\r\n\rZ", "abc", false, true},
+      {"1;" + std::string(5000, 'x') + "\r\na", "", false, true},  // a size line without end
+  };
+  for (const auto& c : cases) {
+    for (size_t piece = 1; piece <= c.in.size(); ++piece) {
+      ChunkedDecoder decoder;
+      std::string input = c.in, payload;
+      for (size_t at = 0; at < input.size(); at += piece) {
+        const size_t n = std::min(piece, input.size() - at);
+        payload.append(input.data() + at, decoder.decode(input.data() + at, n));
+      }
+      ASSERT_EQ(payload, c.payload) << c.in << " in pieces of " << piece;
+      ASSERT_EQ(decoder.done(), c.done) << c.in;
+      ASSERT_EQ(decoder.failed(), c.failed) << c.in;
+    }
+  }
+  ChunkedDecoder long_trailer;
+  std::string trailer = "0\r\n" + std::string(70000, 'x');
+  long_trailer.decode(trailer.data(), trailer.size());
+  EXPECT_TRUE(long_trailer.failed());
 }
 
 }  // namespace
