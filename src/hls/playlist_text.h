@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "upstream/url.h"
 #include "util/log.h"
 #include "util/strings.h"
 
@@ -34,6 +35,17 @@ inline bool starts_with(const std::string& line, std::string_view tag) {
 // none. Out-of-range values saturate (strtol) instead of being undefined.
 inline long number_at(const std::string& line, size_t pos) {
   return pos < line.size() ? std::strtol(line.c_str() + pos, nullptr, 10) : 0;
+}
+
+// `uri` as written when it names a scheme (the absolute URLs most playlists carry), else
+// resolved against `base`, the URL the playlist was fetched from after its redirects.
+inline std::string resolve(const std::string& base, const std::string& uri) {
+  const size_t colon = uri.find(':');
+  const bool absolute =
+      colon != std::string::npos && colon > 0 && std::isalpha(static_cast<unsigned char>(uri[0])) &&
+      uri.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.") ==
+          colon;
+  return absolute || base.empty() ? uri : resolve_url(base, uri);
 }
 
 // The value of attribute `name` in an attribute list such as `BANDWIDTH=800000,CODECS="a,b"`:

@@ -102,6 +102,7 @@ bool MasterPlaylist::select_variant() {
   }
 
   variant = std::make_unique<VariantPlaylist>(best->url);
+  variant->headers = upstream_headers;
   boundary_low = best->bandwidth == lowest->bandwidth ? 0 : best->bandwidth;
   boundary_high =
       best->bandwidth == highest->bandwidth ? kNoUpperBound : switch_up_edge(higher->bandwidth);

@@ -65,7 +65,7 @@ bool VariantPlaylist::parse_playlist(std::string* text) {
           static_cast<uint32_t>(playlist_text::number_at(line, kTargetDuration.size()));
     } else if (starts_with(line, kKey)) {
       const Chunk key = key_of(trim(line).substr(kKey.size()));
-      next.key_url = key.key_url;
+      next.key_url = key.key_url.empty() ? "" : playlist_text::resolve(base(), key.key_url);
       next.iv = key.iv;
       next.unplayable = key.unplayable;
       log_out("key url: ", next.key_url);
@@ -85,7 +85,7 @@ bool VariantPlaylist::parse_playlist(std::string* text) {
       // this proxy uses.
       Chunk chunk = next;
       chunk.sequence = sequence++;
-      chunk.url = line;
+      chunk.url = playlist_text::resolve(base(), line);
       if (!map.empty()) chunk.unplayable = map;
       range_end = chunk.range_offset + chunk.range_length;
       chunks.push(std::move(chunk));

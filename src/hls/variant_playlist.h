@@ -12,6 +12,8 @@
 #include <queue>
 #include <string>
 
+#include "upstream/stream_url.h"
+
 namespace skerir {
 
 // One media segment, copied by value into and out of the queue.
@@ -40,9 +42,14 @@ class VariantPlaylist {
   bool refresh();
 
   std::string url;
+  std::string base_url;  // where `url` led after redirects; relative URIs resolve against it
+  HeaderList headers;    // sent with every fetch of the playlist
   uint32_t target_duration = 1;  // seconds
   bool fresh = false;  // parsed from text fetched just now: the next pass needs no refetch
   std::queue<Chunk, std::deque<Chunk>> chunks;
+
+ private:
+  const std::string& base() const { return base_url.empty() ? url : base_url; }
 };
 
 }  // namespace skerir

@@ -105,7 +105,7 @@ std::string address_text(const sockaddr_storage& ss) {
 
 std::string build_request(const std::string& path, const std::string& host, int port,
                           bool keep_alive, unsigned long from_bytes, int default_port,
-                          const HeaderLines& extra) {
+                          const HeaderLines& extra, uint64_t range_end) {
   std::ostringstream req;
   req << "GET " << path << " HTTP/1.1\r\n";
   if (host.find(':') != std::string::npos) {
@@ -116,7 +116,11 @@ std::string build_request(const std::string& path, const std::string& host, int 
   if (port != default_port) req << ":" << port;
   req << "\r\n";
   req << "Connection: " << (keep_alive ? "keep-alive\r\n" : "close\r\n");
-  if (from_bytes != 0) req << "Range: bytes=" << from_bytes << "-\r\n";
+  if (from_bytes != 0 || range_end != 0) {
+    req << "Range: bytes=" << from_bytes << "-";
+    if (range_end != 0) req << range_end - 1;
+    req << "\r\n";
+  }
   for (const auto& [name, value] : extra) req << name << ": " << value << "\r\n";
   req << "\r\n";
   return std::move(req).str();

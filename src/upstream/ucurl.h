@@ -74,11 +74,12 @@ inline constexpr long long kMaxRedirectBody = 64 * 1024;
 using HeaderLines = std::vector<std::pair<std::string, std::string>>;
 
 // The request text `get_common` sends: request line, Host (the host in brackets when it is an
-// IPv6 address; ":port" only when not `default_port`, the scheme's), Connection, Range only
-// when `from_bytes` is not 0, the `extra` lines, blank line.
+// IPv6 address; ":port" only when not `default_port`, the scheme's), Connection, Range when
+// `from_bytes` is not 0 or a `range_end` (exclusive) is given, the `extra` lines, blank line.
 std::string build_request(const std::string& path, const std::string& host, int port,
                           bool keep_alive, unsigned long from_bytes,
-                          int default_port = kDefaultHttpPort, const HeaderLines& extra = {});
+                          int default_port = kDefaultHttpPort, const HeaderLines& extra = {},
+                          uint64_t range_end = 0);
 
 // The first header named `name`, compared without regard to case; null when there is none.
 const header* find_header(const std::vector<header>& headers, std::string_view name);
@@ -187,6 +188,11 @@ class UCurl {
   // The URL the last get_common call ended at, after its redirects: the URL that answered when
   // it returned true.
   std::string effective_url;
+  // The IV of the next encrypted body that starts afresh: 16 bytes, or empty for all zeros.
+  std::string segment_iv;
+  // Where the requested part of the resource ends (exclusive), for a segment that is a byte
+  // range of a larger resource; 0 when it runs to the resource's end.
+  uint64_t range_end = 0;
   // Header lines sent after the standard ones in every request; empty by default, and then
   // requests are exactly as they always were. A line with a control character or a name that
   // is not a token fails the attempt before anything is sent.

@@ -96,6 +96,7 @@ bool UCurl::get_read_body(std::string* response, std::string* out, CBuffer* buff
     unsigned char key_bytes[kAesKeyBytes] = {};
     std::memcpy(key_bytes, key.data(), std::min<size_t>(key.size(), kAesKeyBytes));
     std::memset(iv, 0, sizeof(iv));
+    if (segment_iv.size() == sizeof(iv)) std::memcpy(iv, segment_iv.data(), sizeof(iv));
     decrypt_ctx.reset(EVP_CIPHER_CTX_new());
     EVP_DecryptInit_ex(decrypt_ctx.get(), EVP_aes_128_cbc(), nullptr, key_bytes, iv);
   } else if (key.empty()) {

@@ -144,8 +144,8 @@ UCurl::Outcome UCurl::request_once(std::string* url, std::string* response, bool
   }
   if (from_bytes != 0) log_err("DEBUG: from bytes specified! ", from_bytes);
   const int default_port = https == 1 ? kDefaultHttpsPort : kDefaultHttpPort;
-  if (!send_data(
-          build_request(path, host, port, keep_alive, from_bytes, default_port, extra_headers))) {
+  if (!send_data(build_request(path, host, port, keep_alive, from_bytes, default_port,
+                               extra_headers, range_end))) {
     counted.outcome = UpstreamOutcome::kSendError;
     log_out("Trying to reconnect when send data");
     do_disconnect();

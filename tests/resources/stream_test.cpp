@@ -195,6 +195,44 @@ TEST_F(Stream, ChunkedHttpsPresentationBehindARedirectPlaysByteExact) {
   EXPECT_EQ(LogCapture::instance().count("TLS: "), 0u);
 }
 
+// The shape HLS muxers write: a master with a version tag and relative variant URIs (found
+// behind a redirect), a key with an IV and a trailing newline, byte ranges of one file; the
+// source answers only with its User-Agent, given in the URL's "|" suffix.
+TEST_F(Stream, RelativeUrisKeyAttributesRangesAndHeadersOfARealPlaylist) {
+  const std::string key = "0123456789abcdef", iv = "fedcba9876543210",
+                    all = segment_bytes(0, 9, 3000);
+  std::string first = segment_bytes(0, 1, 40000), xored = first;
+  for (int i = 0; i < 16; ++i) xored[i] ^= iv[i];  // zero-IV CBC of this is CBC of `first`
+  origin.set("/m.m3u8", Reply::redirect(302, "/real/master.m3u8"));
+  origin.set(
+      "/real/master.m3u8",
+      Reply::ok("#EXTM3U\r\n#EXT-X-VERSION:3\r\n#EXT-X-STREAM-INF:BANDWIDTH=1,CODECS=\"a,b\"\r\n"
+                "v0/prog.m3u8\r\n"));
+  origin.set(
+      "/real/v0/prog.m3u8",
+      Reply::ok(
+          "#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n"
+          "#EXT-X-KEY:METHOD=AES-128,URI=\"../k.bin\",IV=0x66656463626139383736353433323130\n"
+          "#EXTINF:2.0,\nseg1.ts\n#EXT-X-KEY:METHOD=NONE\n#EXT-X-BYTERANGE:1000@0\n"
+          "#EXTINF:2.0,\nall.ts\n#EXT-X-BYTERANGE:500\n#EXTINF:2.0,\nall.ts\n#EXT-X-ENDLIST\n"));
+  origin.set("/real/k.bin", Reply::ok(key + "\n"));
+  origin.set("/real/v0/seg1.ts", Reply{.body = xored, .encrypt_key = key});
+  origin.set("/real/v0/all.ts", Reply::ok(all));
+  const StreamResult r =
+      fetch_stream(server.port(), origin.url("/m.m3u8") + "|User-Agent=t%2F1", kDeadline);
+  EXPECT_TRUE(r.body == first + all.substr(0, 1500));
+  for (const auto& req : origin.requests())
+    EXPECT_NE(req.head.find("\r\nUser-Agent: t/1\r\n"), std::string::npos);
+  EXPECT_EQ(origin.requests("/real/v0/all.ts")[1].range, "bytes=1000-1499");
+  // A key shorter than 16 bytes fails its segments rather than passing ciphertext on.
+  origin.set("/real/k.bin", Reply::ok("short"));
+  EXPECT_EQ(fetch_stream(server.port(), origin.url("/m.m3u8"), kDeadline).body,
+            all.substr(0, 1500));
+  EXPECT_GE(
+      LogCapture::instance().count("no usable decryption key from " + origin.url("/real/k.bin")),
+      4u);
+}
+
 TEST_F(Stream, FailedSegmentsAreSkippedAndFourInARowEndTheStream) {
   const Presentation p{"skip", {500000}, 1, 7, 10 * 1024};
   p.install(origin);

@@ -177,12 +177,15 @@ bool respond(const Wire& wire, const std::string& request, const Reply& r) {
   std::string body = r.body, head;
   const std::string range = header_value(request, "range");
   if (status == 200 && !r.http10 && range.starts_with("bytes=")) {
-    const size_t from = std::strtoull(range.c_str() + 6, nullptr, 10);
-    if (from < body.size()) {
+    char* end = nullptr;
+    const size_t from = std::strtoull(range.c_str() + 6, &end, 10);
+    const size_t last = std::min<size_t>(
+        body.size() - 1, end[1] ? std::strtoull(end + 1, nullptr, 10) : body.size() - 1);
+    if (from <= last && from < body.size()) {
       status = 206;
-      head = "Content-Range: bytes " + std::to_string(from) + "-" +
-             std::to_string(body.size() - 1) + "/" + std::to_string(body.size()) + "\r\n";
-      body.erase(0, from);
+      head = "Content-Range: bytes " + std::to_string(from) + "-" + std::to_string(last) + "/" +
+             std::to_string(body.size()) + "\r\n";
+      body = body.substr(from, last + 1 - from);
     }
   }
   if (r.chunked) {
