@@ -59,12 +59,12 @@ TEST(Operating, GuardsTheMapsListsStreamsAndEndsThemOnSigterm) {
   EXPECT_TRUE(s->wait_for("setting map to: b:2", false));
   EXPECT_EQ(s->out().find("setting map to: a:1"), std::string::npos);
 
-  const int client = open_stream(port, origin.url(p.master_path()));
+  const int client = open_stream(port, origin.url(p.master_path()) + "|User-Agent=x");
   char byte = 0;
   ASSERT_EQ(::recv(client, &byte, 1, 0), 1);  // the body has begun
   const std::string streams = roundtrip(port, "GET /streams.json HTTP/1.0\r\n\r\n");
   EXPECT_NE(streams.find("\r\n\r\n[\n{\"id\":1,\"client\":\"127.0.0.1:"), std::string::npos);
-  EXPECT_NE(streams.find(",\"url\":\"" + origin.url(p.master_path()) + "\","),
+  EXPECT_NE(streams.find(",\"url\":\"" + origin.url(p.master_path()) + "|User-Agent=…\","),
             std::string::npos)
       << streams;
   ::kill(s->pid(), SIGTERM);
