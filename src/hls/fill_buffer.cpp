@@ -33,6 +33,7 @@ bool MasterPlaylist::fetch_key(const std::string& from) {
   log_out("getting new decryption key from: ", from);
   key_url = from;
   count(metrics().key_fetches);
+  WaitLimit limit(&should_finish, WaitLimit::Clock::now() + kFetchDeadline);
   UCurl client;
   client.extra_headers = upstream_headers;
   if (client.get(from, &key) && key.size() >= kAesKeyBytes) {

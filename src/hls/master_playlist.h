@@ -32,6 +32,10 @@ namespace skerir {
 class CBuffer;
 struct Stats;
 
+// A playlist or key fetch gives up after this long, whatever the upstream does: one that drips
+// its answer a byte at a time never trips a per-read time-out.
+inline constexpr std::chrono::seconds kFetchDeadline{30};
+
 // One variant of a master playlist, held by value in playlist order.
 struct PlaylistVariantDef {
   uint64_t bandwidth = 0;  // the BANDWIDTH attribute, bit/s

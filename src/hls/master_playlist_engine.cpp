@@ -46,6 +46,7 @@ bool MasterPlaylist::start_refreshing() {
 
 bool MasterPlaylist::refresh() {
   log_out("Refreshing ... ");
+  WaitLimit limit(&should_finish, WaitLimit::Clock::now() + kFetchDeadline);
   UCurl client;
   client.extra_headers = upstream_headers;
   std::string text;
@@ -129,7 +130,8 @@ bool MasterPlaylist::refresh_variant() {
   } else if (variant && variant->chunks.size() >= kCachedPlaylistChunks) {
     log_err("Chunklist: Using cached playlist (still got ", variant->chunks.size(),
             " chunks in advance)");
-  } else if (!variant->refresh()) {
+  } else if (WaitLimit limit(&should_finish, WaitLimit::Clock::now() + kFetchDeadline);
+             !variant->refresh()) {
     fill_running = false;
     log_err("Unable to refresh variant of playlist");
     return false;

@@ -14,6 +14,7 @@
 
 #include "cachemap/cachemap.h"
 #include "main/request.h"
+#include "upstream/own_listeners.h"
 #include "util/log.h"
 
 namespace skerir {
@@ -54,6 +55,11 @@ void Webserver::do_bind() {
       throw ListenerError("Couldn't bind listening socket.");
     }
     if (::listen(fd.get(), backlog) < 0) throw ListenerError("Call to listen failed.");
+    sockaddr_storage bound{};
+    socklen_t bound_length = sizeof(bound);
+    if (::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&bound), &bound_length) == 0) {
+      add_own_listener(reinterpret_cast<const sockaddr*>(&bound));  // upstream must not loop here
+    }
     // Never block in accept(): a connection reset between poll() and accept() must not hold
     // up the other listeners.
     ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) | O_NONBLOCK);

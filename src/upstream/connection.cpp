@@ -4,8 +4,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <thread>
 
 #include "upstream/tls.h"
 
@@ -43,15 +45,44 @@ int setblock(int fd) {
   return ::fcntl(fd, F_SETFL, flags < 0 ? 0 : flags & ~O_NONBLOCK);
 }
 
+namespace {
+
+thread_local WaitLimit* t_limits = nullptr;  // the calling thread's innermost scope
+
+}  // namespace
+
+WaitLimit::WaitLimit(const std::atomic<bool>* stop, Clock::time_point deadline)
+    : stop_(stop), deadline_(deadline), outer_(t_limits) {
+  t_limits = this;
+}
+
+WaitLimit::~WaitLimit() { t_limits = outer_; }
+
+const char* WaitLimit::reached() {
+  for (const WaitLimit* l = t_limits; l != nullptr; l = l->outer_) {
+    if (l->stop_ != nullptr && l->stop_->load()) return "the stream is ending";
+    if (Clock::now() >= l->deadline_) return "it took too long";
+  }
+  return nullptr;
+}
+
+void WaitLimit::sleep(std::chrono::milliseconds duration) {
+  for (const auto end = Clock::now() + duration; Clock::now() < end && reached() == nullptr;) {
+    std::this_thread::sleep_for(
+        std::min<Clock::duration>(end - Clock::now(), std::chrono::milliseconds(kWaitSliceMs)));
+  }
+}
+
 int poll_one(int fd, short events, int timeout_ms) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     pollfd pfd{fd, events, 0};
-    const auto left =
+    auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (t_limits != nullptr) left = std::min<long long>(left, kWaitSliceMs);
     const int r = ::poll(&pfd, 1, left > 0 ? static_cast<int>(left) : 0);
     if (r < 0 && errno == EINTR) continue;
-    return r;
+    if (r != 0 || Clock::now() >= deadline || WaitLimit::reached() != nullptr) return r;
   }
 }
 

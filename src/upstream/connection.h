@@ -6,6 +6,8 @@
 // socket is closed. One thread at a time (the owning UCurl's).
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -23,7 +25,36 @@ int setblock(int fd);
 // Waits until `fd` is ready for `events` or `timeout_ms` has passed, restarting after a
 // signal with the time that is left. Returns poll()'s count: exactly 1 means ready (readiness
 // includes an error or hang-up on the socket, which the following read or write reports).
+// Under a WaitLimit that is reached, returns 0 within kWaitSliceMs as if the time ran out.
 int poll_one(int fd, short events, int timeout_ms);
+
+inline constexpr int kWaitSliceMs = 100;
+
+// Cuts the calling thread's upstream waits short while it lives: once `*stop` is set (the
+// stream is ending) or `deadline` has passed (a fetch that took too long, whatever the upstream
+// does: a header block or a body dripping a byte a second never trips a per-read time-out),
+// every wait returns as if its time-out had expired and the client gives up its retries.
+// Scopes nest, and every scope of the thread applies.
+class WaitLimit {
+ public:
+  using Clock = std::chrono::steady_clock;
+  explicit WaitLimit(const std::atomic<bool>* stop,
+                     Clock::time_point deadline = Clock::time_point::max());
+  ~WaitLimit();
+  WaitLimit(const WaitLimit&) = delete;
+  WaitLimit& operator=(const WaitLimit&) = delete;
+
+  // Why the calling thread's waits are cut short ("the stream is ending", "it took too
+  // long"); null while they are not.
+  static const char* reached();
+  // Sleeps `duration`, or less once a limit is reached.
+  static void sleep(std::chrono::milliseconds duration);
+
+ private:
+  const std::atomic<bool>* stop_;
+  Clock::time_point deadline_;
+  WaitLimit* outer_;
+};
 
 class Connection {
  public:

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -15,6 +16,7 @@
 #include <sstream>
 
 #include "cachemap/cachemap.h"
+#include "upstream/own_listeners.h"
 #include "upstream/upstream_policy.h"
 #include "upstream/url.h"
 #include "util/log.h"
@@ -263,6 +265,15 @@ bool UCurl::do_connect(std::string host_name, int port_number) {
   });
   if (addresses.empty()) {
     log_err("Excep: upstream not allowed: ", host_name, ":", port_number);
+    refused_ = true;
+    do_disconnect();
+    return false;
+  }
+  if (std::any_of(addresses.begin(), addresses.end(), [](const sockaddr_storage& a) {
+        return is_own_listener(reinterpret_cast<const sockaddr*>(&a));
+      })) {
+    log_err("Excep: refusing a request to skerir itself: ", host_name, ":", port_number);
+    refused_ = true;
     do_disconnect();
     return false;
   }

@@ -205,6 +205,9 @@ class UCurl {
   // One request of get_common and what came of it; a redirect advances `*url` and `*hops`.
   Outcome request_once(std::string* url, std::string* response, bool keep_alive,
                        unsigned long from_bytes, int* hops);
+  // Whether retrying cannot help: the connection was refused as skerir's own or outside the
+  // allow list, or a WaitLimit of the thread was reached (logged here, once per call).
+  bool gave_up() const;
   // Leaves the connection ready for the next request after a redirect's headers: a small
   // length-delimited body is read and dropped on a kept-alive connection, else the connection
   // is closed. `*response` is emptied either way.
@@ -219,6 +222,7 @@ class UCurl {
   std::vector<char> scratch_;
   std::vector<unsigned char> decrypt_scratch_;
   std::string status_line_;  // of the last answer, for the log of a refused redirect
+  bool refused_ = false;     // the last connection was refused by policy: final for this call
   socklen_t server_addr_len_ = 0;
   // The URL of the last get_stream call and where its redirects led: a resuming call goes
   // straight there.

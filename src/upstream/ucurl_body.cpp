@@ -276,11 +276,16 @@ int64_t UCurl::get_stream(std::string url, CBuffer* buffer, bool close_after, do
     stream_final_url_ = url;
   }
   try {
+    // Status and header waits end once the stream is finishing, whatever the upstream does;
+    // the body's reads stop at the flag by themselves.
+    WaitLimit finishing(should_finish);
+    refused_ = false;
     for (int call = 1;; ++call) {
       if (get_common(stream_final_url_, &response, true, from_bytes)) {
         stream_final_url_ = effective_url;
         break;
       }
+      if (gave_up()) return -1;
       log_err("get_stream / get common failed - retry ", call);
       response.clear();
       if (call == kStreamCalls) return -1;

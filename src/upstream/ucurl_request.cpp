@@ -118,6 +118,13 @@ bool UCurl::get_read_response_headers(std::string* response, std::vector<header>
   return true;
 }
 
+bool UCurl::gave_up() const {
+  if (refused_) return true;  // its line is logged already
+  const char* why = WaitLimit::reached();
+  if (why != nullptr) log_err("Excep: gave up: ", why);
+  return why != nullptr;
+}
+
 UCurl::Outcome UCurl::request_once(std::string* url, std::string* response, bool keep_alive,
                                    unsigned long from_bytes, int* hops) {
   UpstreamAttempt counted;
@@ -152,7 +159,17 @@ UCurl::Outcome UCurl::request_once(std::string* url, std::string* response, bool
     return Outcome::failed;
   }
   counted.outcome = UpstreamOutcome::kReceiveError;
-  int state = get_read_response_state(response);
+  int state = 0;
+  try {
+    state = get_read_response_state(response);
+  } catch (const UCurlExceptionRecvError& e) {
+    // A cache server that takes the connection and never answers has failed as surely as one
+    // that refuses it: the ring moves on. A plain host's silence still ends the call.
+    if (cache_kind == 0) throw;
+    log_err("Excep: ", e.what());
+    invalidate_current_cache_server();
+    return Outcome::failed;
+  }
   if (state == kStatusRedirect) {
     get_read_response_headers(response, &headers);
     const header* location = find_header(headers, "Location");
@@ -210,13 +227,14 @@ bool UCurl::get_common(std::string url, std::string* response, bool keep_alive,
   effective_url = url;
   int hops = 0;
   for (int attempt = 0; attempt < kCommonAttempts; ++attempt) {
+    if (refused_ || WaitLimit::reached() != nullptr) return false;  // no attempt can help
     if (attempt >= 2) {
       // cache_kind is what the previous attempt's parse_url left: a cache server that failed
       // twice is dropped so this attempt's parse_url picks another one.
       if (cache_kind != 0) {
         invalidate_current_cache_server();
       } else {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        WaitLimit::sleep(std::chrono::seconds(1));
       }
     }
     // Bounded: every redirect counts a hop, and hop kMaxRedirects + 1 is refused.
@@ -235,8 +253,13 @@ bool UCurl::get(std::string url, std::string* out) {
   // answer, as they always have.
   std::string response;
   try {
+    refused_ = false;
     for (int call = 1;; ++call) {
       if (get_common(url, &response, false, 0)) break;
+      if (gave_up()) {
+        do_disconnect();
+        return false;
+      }
       log_err("get common failed - retry ", call);
       if (call == kGetCalls) {
         do_disconnect();
