@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <new>
 
-#include "buffer/aligned_alloc.h"
-#include "util/log.h"
+#include "buffer/block_pool.h"
 
 namespace skerir {
 namespace {
@@ -14,26 +12,18 @@ namespace {
 // A reader of an empty buffer waits this long, once, before reporting 0.
 constexpr std::chrono::milliseconds kEmptyReadWait{100};
 
-void destroy_block(CBlock* b) {
-  aligned_free(b->data);
-  b->~CBlock();
-  aligned_free(b);
-}
-
 }  // namespace
 
-CBuffer::~CBuffer() { clean(); }
+CBuffer::CBuffer() { BlockPool::process().attach(); }
+
+CBuffer::~CBuffer() {
+  clean();
+  BlockPool::process().detach();
+}
 
 CBlock* CBuffer::new_block() {
-  // Allocation needs no lock; only linking does.
-  void* record = aligned_malloc(sizeof(CBlock));
-  char* data = record != nullptr ? static_cast<char*>(aligned_malloc(kCBlockSize)) : nullptr;
-  if (data == nullptr) {
-    if (record != nullptr) aligned_free(record);
-    log_err("CBUFF: Unable to allocate mem for cblock data");
-    throw std::bad_alloc();
-  }
-  CBlock* b = new (record) CBlock{data, nullptr, 0, 0, kCBlockSize};
+  // Taking a block needs no lock of this buffer; only linking does.
+  CBlock* b = BlockPool::process().take();
   {
     std::lock_guard lock(mutex);
     // The reader empties the chain (both ends null) under this mutex, so the two ends are
@@ -201,8 +191,8 @@ void CBuffer::free_block() {
       first.store(next, std::memory_order_release);
     }
   }
-  // Unlinked, so no one else can reach it: free outside the lock.
-  destroy_block(b);
+  // Unlinked, so no one else can reach it: release it outside the lock.
+  BlockPool::process().give(b);
 }
 
 void CBuffer::clean() {

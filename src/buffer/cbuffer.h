@@ -33,8 +33,8 @@ namespace skerir {
 // Storage of one block.
 inline constexpr uint64_t kCBlockSize = 524288;  // 512 KiB
 
-// One link of the chain. Allocated (record and data) with aligned_malloc by
-// CBuffer::new_block and freed by CBuffer::free_block; never copied.
+// One link of the chain. Record and data come from aligned_malloc through the BlockPool, which
+// CBuffer::new_block takes them from and CBuffer::free_block gives them back to; never copied.
 // Invariants: read_pos <= write_pos <= capacity; every block but `last` is complete
 // (write_pos == capacity).
 struct CBlock {
@@ -47,15 +47,16 @@ struct CBlock {
 
 class CBuffer {
  public:
-  CBuffer() = default;
+  CBuffer();
   // Releases whatever blocks remain (the owner normally calls clean() first; calling both is
   // harmless).
   ~CBuffer();
   CBuffer(const CBuffer&) = delete;
   CBuffer& operator=(const CBuffer&) = delete;
 
-  // Writer. Appends an empty block at `last` and returns it. Throws std::bad_alloc (after
-  // logging) when the record or its data cannot be allocated; the chain is then unchanged.
+  // Writer. Appends an empty block at `last` (a kept one from the process's BlockPool when
+  // there is one) and returns it. Throws std::bad_alloc (after logging) when the record or its
+  // data cannot be allocated; the chain is then unchanged.
   CBlock* new_block();
 
   // Writer. Copies `n` bytes in, appending blocks as needed; returns `n`. A write of 0 bytes
