@@ -54,10 +54,10 @@ void CBuffer::publish(uint64_t n) {
   // check of `size` inside its wait, or the reader's flag is seen here. It also releases the
   // bytes and block links placed before it (see `size`).
   size.fetch_add(n, std::memory_order_seq_cst);
-  if (reader_waiting_.load(std::memory_order_seq_cst)) {
-    // Taking the wait mutex orders the notify after the reader has started to sleep.
-    std::lock_guard lock(wait_mutex_);
-    data_arrived_.notify_one();
+  if (reader_.waiting.load(std::memory_order_seq_cst)) {
+    // Taking the mutex orders the notify after the reader has started to sleep.
+    std::lock_guard lock(reader_.mutex);
+    reader_.cv.notify_one();
   }
 }
 
@@ -88,15 +88,19 @@ uint64_t CBuffer::write_get_available(char** out) {
 }
 
 uint64_t CBuffer::write_get_available_newblock(char** out) {
+  give_up_tail();
+  new_block();
+  return write_get_available(out);
+}
+
+void CBuffer::give_up_tail() {
   if (writable_ != nullptr && last.load(std::memory_order_acquire) != nullptr) {
-    // Give up the tail: the block is complete as it stands and the reader frees it at its
-    // write position. The writer must not touch it again.
+    // The block is complete as it stands and the reader frees it at its write position. The
+    // writer must not touch it again.
     writable_->capacity.store(writable_->write_pos.load(std::memory_order_relaxed),
                               std::memory_order_release);
   }
   writable_ = nullptr;
-  new_block();
-  return write_get_available(out);
 }
 
 void CBuffer::write_notify_written(unsigned long n) {
@@ -114,15 +118,33 @@ void CBuffer::write_notify_written(unsigned long n) {
   if (full) new_block();
 }
 
-bool CBuffer::wait_for_data(std::chrono::nanoseconds limit) {
+template <class TimePoint>
+bool CBuffer::wait_for_data_until_time(const TimePoint& deadline) {
   if (size.load(std::memory_order_acquire) != 0) return true;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  std::unique_lock lock(wait_mutex_);
-  reader_waiting_.store(true, std::memory_order_seq_cst);
-  const bool arrived = data_arrived_.wait_until(
-      lock, deadline, [this] { return size.load(std::memory_order_seq_cst) != 0; });
-  reader_waiting_.store(false, std::memory_order_relaxed);  // a stale true costs one lock
-  return arrived;
+  std::unique_lock lock(reader_.mutex);
+  reader_.waiting.store(true, std::memory_order_seq_cst);
+  reader_.cv.wait_until(lock, deadline, [this] {
+    return reader_.woken || size.load(std::memory_order_seq_cst) != 0;
+  });
+  reader_.woken = false;
+  reader_.waiting.store(false, std::memory_order_relaxed);  // a stale true costs one lock
+  return size.load(std::memory_order_acquire) != 0;
+}
+
+bool CBuffer::wait_for_data(std::chrono::nanoseconds limit) {
+  return wait_for_data_until_time(std::chrono::steady_clock::now() + limit);
+}
+
+bool CBuffer::wait_for_data_until(std::chrono::system_clock::time_point deadline) {
+  return wait_for_data_until_time(deadline);
+}
+
+void CBuffer::wake_reader() {
+  {
+    std::lock_guard lock(reader_.mutex);
+    reader_.woken = true;
+  }
+  reader_.cv.notify_one();
 }
 
 uint64_t CBuffer::read_get_available(char** out) {

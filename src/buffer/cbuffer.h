@@ -18,8 +18,9 @@
 // readable), so only that stream ends.
 //
 // Writer calls: write, write_get_available, write_get_available_newblock,
-// write_notify_written, new_block. Reader calls: read_get_available, read_notify_read, read,
-// free_block. clean() and destruction need both sides to have stopped.
+// write_notify_written, new_block. Reader calls: read_get_available, read_notify_read,
+// read, free_block, wait_for_data*. Any thread: wake_reader. clean() and destruction need both
+// sides to have stopped.
 #pragma once
 
 #include <atomic>
@@ -77,9 +78,10 @@ class CBuffer {
   // Filling the block appends the next one at once.
   void write_notify_written(unsigned long n);
 
+
   // Reader. Stores through `out` the start of the contiguous readable bytes of `first` and
-  // returns their count. On an empty buffer waits once, at most 100 ms (ending early when the
-  // writer adds bytes), and returns 0 without storing through `out` if it is still empty.
+  // returns their count. On an empty buffer waits once, at most 100 ms (as wait_for_data does),
+  // and returns 0 without storing through `out` if it is still empty.
   uint64_t read_get_available(char** out);
 
   // Reader. Consumes `n` of the bytes read_get_available offered; releases `first` when
@@ -98,13 +100,18 @@ class CBuffer {
   // must not be read after it. Neither side may be running.
   void clean();
 
-  // Reader. Waits until the buffer holds bytes or `limit` has passed; true when it holds
-  // bytes. Lets the reader's own idle pause end as soon as the writer adds data instead of
-  // sleeping on regardless.
+  // Reader. Waits until the buffer holds bytes, wake_reader() is called or `limit` has passed
+  // (on the steady clock; `deadline` on the calendar clock); true when it holds bytes. An idle
+  // reader sleeps here until there is something to do instead of looking again and again.
   bool wait_for_data(std::chrono::nanoseconds limit);
+  bool wait_for_data_until(std::chrono::system_clock::time_point deadline);
+
+  // Any thread. Ends the reader's current wait, or its next one when it is not waiting: for
+  // whoever changes what the reader waits for besides bytes (its stream ending, a stop).
+  void wake_reader();
 
   // True while a reader sits in the empty-buffer wait. For tests and diagnostics.
-  bool reader_waiting() const { return reader_waiting_.load(std::memory_order_seq_cst); }
+  bool reader_waiting() const { return reader_.waiting.load(std::memory_order_seq_cst); }
 
   std::atomic<CBlock*> first{nullptr};  // oldest block, the read end; null when empty
   std::atomic<CBlock*> last{nullptr};   // newest block, the write end; null when empty
@@ -119,17 +126,29 @@ class CBuffer {
   CBlock* writable_block();
   // Adds `n` freshly placed bytes to `size` and wakes a waiting reader.
   void publish(uint64_t n);
+  // Lowers the capacity of the block being filled to what it holds and forgets it.
+  void give_up_tail();
 
   // The writer's own view of the block it fills: `last` while that block has room, null when
   // there is none or it is full. The reader may release a full `last` at any moment, so the
   // writer never touches a block through this once it filled it. Writer only.
   CBlock* writable_ = nullptr;
 
-  // The reader's empty-buffer wait. The writer touches the mutex only when `reader_waiting_`
-  // is set, so a write costs one extra atomic load in the common case.
-  std::atomic<bool> reader_waiting_{false};
-  std::mutex wait_mutex_;
-  std::condition_variable data_arrived_;
+  // One side's sleep until the other side makes progress. The sleeper raises `waiting` and then
+  // tests its condition under `mutex`; the other side, after changing what the condition reads,
+  // takes `mutex` to notify only when it sees `waiting` raised, so progress that wakes no one
+  // costs one atomic load. `woken` (under `mutex`) ends the current or the next sleep.
+  struct Sleeper {
+    std::atomic<bool> waiting{false};
+    bool woken = false;
+    std::mutex mutex;
+    std::condition_variable cv;
+  };
+  template <class TimePoint>
+  bool wait_for_data_until_time(const TimePoint& deadline);
+
+  // The reader's empty-buffer sleep: woken by publish() and by wake_reader().
+  Sleeper reader_;
 };
 
 }  // namespace skerir

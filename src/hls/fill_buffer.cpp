@@ -38,6 +38,8 @@ void* do_masterplaylist_fill_buffer(void* arg) {
     mpl->should_finish = true;
     mpl->fill_running = false;
   }
+  // The stream's reader sleeps until there is something to do; an ended stream is.
+  if (mpl->should_finish) mpl->buffer->wake_reader();
   return nullptr;
 }
 

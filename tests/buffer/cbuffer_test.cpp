@@ -92,6 +92,7 @@ TEST(CBuffer, ZeroCopyWriterCommitsInPlaceAndGivesUpTails) {
   std::string rest;
   for (int i = 0; i < 3 && rest.empty(); ++i) rest = drain(buf);
   EXPECT_EQ(rest, "xyz");
+
 }
 
 TEST(CBuffer, EmptyReadWaitsOnceAndWakesWhenDataArrives) {
