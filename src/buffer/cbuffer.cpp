@@ -118,9 +118,20 @@ void CBuffer::write_notify_written(unsigned long n) {
   if (full) new_block();
 }
 
+void CBuffer::write_pause() {
+  give_up_tail();
+  wake_reader();  // to release the block, should it have read it all already
+}
+
 template <class TimePoint>
 bool CBuffer::wait_for_data_until_time(const TimePoint& deadline) {
   if (size.load(std::memory_order_acquire) != 0) return true;
+  // Read to its capacity: the writer gave it up and never touches it again (acquire pairs with
+  // the release of the lowered capacity).
+  if (CBlock* b = first.load(std::memory_order_acquire);
+      b != nullptr && b->read_pos == b->capacity.load(std::memory_order_acquire)) {
+    free_block();
+  }
   std::unique_lock lock(reader_.mutex);
   reader_.waiting.store(true, std::memory_order_seq_cst);
   reader_.cv.wait_until(lock, deadline, [this] {

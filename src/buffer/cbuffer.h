@@ -18,7 +18,7 @@
 // readable), so only that stream ends.
 //
 // Writer calls: write, write_get_available, write_get_available_newblock,
-// write_notify_written, new_block. Reader calls: read_get_available, read_notify_read,
+// write_notify_written, write_pause, new_block. Reader calls: read_get_available, read_notify_read,
 // read, free_block, wait_for_data*. Any thread: wake_reader. clean() and destruction need both
 // sides to have stopped.
 #pragma once
@@ -78,6 +78,11 @@ class CBuffer {
   // Filling the block appends the next one at once.
   void write_notify_written(unsigned long n);
 
+  // Writer, before it pauses (a fill pass ends). Gives up the unwritten tail of `last`, as
+  // write_get_available_newblock does but without starting a block, and wakes the reader: once
+  // the reader has read the block it releases it, so an idle stream holds no block. The next
+  // write starts a new one.
+  void write_pause();
 
   // Reader. Stores through `out` the start of the contiguous readable bytes of `first` and
   // returns their count. On an empty buffer waits once, at most 100 ms (as wait_for_data does),
@@ -103,6 +108,8 @@ class CBuffer {
   // Reader. Waits until the buffer holds bytes, wake_reader() is called or `limit` has passed
   // (on the steady clock; `deadline` on the calendar clock); true when it holds bytes. An idle
   // reader sleeps here until there is something to do instead of looking again and again.
+  // Before it sleeps it releases `first` if that has been read to its capacity (a block the
+  // writer gave up at a pause).
   bool wait_for_data(std::chrono::nanoseconds limit);
   bool wait_for_data_until(std::chrono::system_clock::time_point deadline);
 

@@ -93,6 +93,13 @@ TEST(CBuffer, ZeroCopyWriterCommitsInPlaceAndGivesUpTails) {
   for (int i = 0; i < 3 && rest.empty(); ++i) rest = drain(buf);
   EXPECT_EQ(rest, "xyz");
 
+  // A pausing writer gives its block up too: a reader that has read it all releases it before
+  // it sleeps, and the next write starts a new chain.
+  buf.write_pause();
+  EXPECT_FALSE(buf.wait_for_data(0ms));
+  EXPECT_EQ(buf.first.load(), nullptr);
+  buf.write("uv", 2);
+  EXPECT_EQ(drain(buf), "uv");
 }
 
 TEST(CBuffer, EmptyReadWaitsOnceAndWakesWhenDataArrives) {
