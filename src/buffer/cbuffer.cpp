@@ -55,8 +55,10 @@ void CBuffer::publish(uint64_t n) {
   // bytes and block links placed before it (see `size`).
   size.fetch_add(n, std::memory_order_seq_cst);
   if (reader_.waiting.load(std::memory_order_seq_cst)) {
-    // Taking the mutex orders the notify after the reader has started to sleep.
-    std::lock_guard lock(reader_.mutex);
+    // Passing through the mutex orders the notify after the reader has started to sleep (or
+    // lets it see the new size first). Notifying after unlocking spares the woken reader a
+    // second sleep on the mutex still held here.
+    { std::lock_guard lock(reader_.mutex); }
     reader_.cv.notify_one();
   }
 }
