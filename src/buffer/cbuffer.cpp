@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <new>
 
-#include "buffer/aligned_alloc.h"
-#include "util/log.h"
+#include "buffer/block_pool.h"
 
 namespace skerir {
 namespace {
@@ -14,26 +12,18 @@ namespace {
 // A reader of an empty buffer waits this long, once, before reporting 0.
 constexpr std::chrono::milliseconds kEmptyReadWait{100};
 
-void destroy_block(CBlock* b) {
-  aligned_free(b->data);
-  b->~CBlock();
-  aligned_free(b);
-}
-
 }  // namespace
 
-CBuffer::~CBuffer() { clean(); }
+CBuffer::CBuffer() { BlockPool::process().attach(); }
+
+CBuffer::~CBuffer() {
+  clean();
+  BlockPool::process().detach();
+}
 
 CBlock* CBuffer::new_block() {
-  // Allocation needs no lock; only linking does.
-  void* record = aligned_malloc(sizeof(CBlock));
-  char* data = record != nullptr ? static_cast<char*>(aligned_malloc(kCBlockSize)) : nullptr;
-  if (data == nullptr) {
-    if (record != nullptr) aligned_free(record);
-    log_err("CBUFF: Unable to allocate mem for cblock data");
-    throw std::bad_alloc();
-  }
-  CBlock* b = new (record) CBlock{data, nullptr, 0, 0, kCBlockSize};
+  // Taking a block needs no lock of this buffer; only linking does.
+  CBlock* b = BlockPool::process().take();
   {
     std::lock_guard lock(mutex);
     // The reader empties the chain (both ends null) under this mutex, so the two ends are
@@ -64,10 +54,12 @@ void CBuffer::publish(uint64_t n) {
   // check of `size` inside its wait, or the reader's flag is seen here. It also releases the
   // bytes and block links placed before it (see `size`).
   size.fetch_add(n, std::memory_order_seq_cst);
-  if (reader_waiting_.load(std::memory_order_seq_cst)) {
-    // Taking the wait mutex orders the notify after the reader has started to sleep.
-    std::lock_guard lock(wait_mutex_);
-    data_arrived_.notify_one();
+  if (reader_.waiting.load(std::memory_order_seq_cst)) {
+    // Passing through the mutex orders the notify after the reader has started to sleep (or
+    // lets it see the new size first). Notifying after unlocking spares the woken reader a
+    // second sleep on the mutex still held here.
+    { std::lock_guard lock(reader_.mutex); }
+    reader_.cv.notify_one();
   }
 }
 
@@ -98,15 +90,19 @@ uint64_t CBuffer::write_get_available(char** out) {
 }
 
 uint64_t CBuffer::write_get_available_newblock(char** out) {
+  give_up_tail();
+  new_block();
+  return write_get_available(out);
+}
+
+void CBuffer::give_up_tail() {
   if (writable_ != nullptr && last.load(std::memory_order_acquire) != nullptr) {
-    // Give up the tail: the block is complete as it stands and the reader frees it at its
-    // write position. The writer must not touch it again.
+    // The block is complete as it stands and the reader frees it at its write position. The
+    // writer must not touch it again.
     writable_->capacity.store(writable_->write_pos.load(std::memory_order_relaxed),
                               std::memory_order_release);
   }
   writable_ = nullptr;
-  new_block();
-  return write_get_available(out);
 }
 
 void CBuffer::write_notify_written(unsigned long n) {
@@ -124,15 +120,44 @@ void CBuffer::write_notify_written(unsigned long n) {
   if (full) new_block();
 }
 
-bool CBuffer::wait_for_data(std::chrono::nanoseconds limit) {
+void CBuffer::write_pause() {
+  give_up_tail();
+  wake_reader();  // to release the block, should it have read it all already
+}
+
+template <class TimePoint>
+bool CBuffer::wait_for_data_until_time(const TimePoint& deadline) {
   if (size.load(std::memory_order_acquire) != 0) return true;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  std::unique_lock lock(wait_mutex_);
-  reader_waiting_.store(true, std::memory_order_seq_cst);
-  const bool arrived = data_arrived_.wait_until(
-      lock, deadline, [this] { return size.load(std::memory_order_seq_cst) != 0; });
-  reader_waiting_.store(false, std::memory_order_relaxed);  // a stale true costs one lock
-  return arrived;
+  // Read to its capacity: the writer gave it up and never touches it again (acquire pairs with
+  // the release of the lowered capacity).
+  if (CBlock* b = first.load(std::memory_order_acquire);
+      b != nullptr && b->read_pos == b->capacity.load(std::memory_order_acquire)) {
+    free_block();
+  }
+  std::unique_lock lock(reader_.mutex);
+  reader_.waiting.store(true, std::memory_order_seq_cst);
+  reader_.cv.wait_until(lock, deadline, [this] {
+    return reader_.woken || size.load(std::memory_order_seq_cst) != 0;
+  });
+  reader_.woken = false;
+  reader_.waiting.store(false, std::memory_order_relaxed);  // a stale true costs one lock
+  return size.load(std::memory_order_acquire) != 0;
+}
+
+bool CBuffer::wait_for_data(std::chrono::nanoseconds limit) {
+  return wait_for_data_until_time(std::chrono::steady_clock::now() + limit);
+}
+
+bool CBuffer::wait_for_data_until(std::chrono::system_clock::time_point deadline) {
+  return wait_for_data_until_time(deadline);
+}
+
+void CBuffer::wake_reader() {
+  {
+    std::lock_guard lock(reader_.mutex);
+    reader_.woken = true;
+  }
+  reader_.cv.notify_one();
 }
 
 uint64_t CBuffer::read_get_available(char** out) {
@@ -201,8 +226,8 @@ void CBuffer::free_block() {
       first.store(next, std::memory_order_release);
     }
   }
-  // Unlinked, so no one else can reach it: free outside the lock.
-  destroy_block(b);
+  // Unlinked, so no one else can reach it: release it outside the lock.
+  BlockPool::process().give(b);
 }
 
 void CBuffer::clean() {

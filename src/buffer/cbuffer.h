@@ -18,8 +18,9 @@
 // readable), so only that stream ends.
 //
 // Writer calls: write, write_get_available, write_get_available_newblock,
-// write_notify_written, new_block. Reader calls: read_get_available, read_notify_read, read,
-// free_block. clean() and destruction need both sides to have stopped.
+// write_notify_written, write_pause, new_block. Reader calls: read_get_available, read_notify_read,
+// read, free_block, wait_for_data*. Any thread: wake_reader. clean() and destruction need both
+// sides to have stopped.
 #pragma once
 
 #include <atomic>
@@ -33,8 +34,8 @@ namespace skerir {
 // Storage of one block.
 inline constexpr uint64_t kCBlockSize = 524288;  // 512 KiB
 
-// One link of the chain. Allocated (record and data) with aligned_malloc by
-// CBuffer::new_block and freed by CBuffer::free_block; never copied.
+// One link of the chain. Record and data come from aligned_malloc through the BlockPool, which
+// CBuffer::new_block takes them from and CBuffer::free_block gives them back to; never copied.
 // Invariants: read_pos <= write_pos <= capacity; every block but `last` is complete
 // (write_pos == capacity).
 struct CBlock {
@@ -47,15 +48,16 @@ struct CBlock {
 
 class CBuffer {
  public:
-  CBuffer() = default;
+  CBuffer();
   // Releases whatever blocks remain (the owner normally calls clean() first; calling both is
   // harmless).
   ~CBuffer();
   CBuffer(const CBuffer&) = delete;
   CBuffer& operator=(const CBuffer&) = delete;
 
-  // Writer. Appends an empty block at `last` and returns it. Throws std::bad_alloc (after
-  // logging) when the record or its data cannot be allocated; the chain is then unchanged.
+  // Writer. Appends an empty block at `last` (a kept one from the process's BlockPool when
+  // there is one) and returns it. Throws std::bad_alloc (after logging) when the record or its
+  // data cannot be allocated; the chain is then unchanged.
   CBlock* new_block();
 
   // Writer. Copies `n` bytes in, appending blocks as needed; returns `n`. A write of 0 bytes
@@ -76,9 +78,15 @@ class CBuffer {
   // Filling the block appends the next one at once.
   void write_notify_written(unsigned long n);
 
+  // Writer, before it pauses (a fill pass ends). Gives up the unwritten tail of `last`, as
+  // write_get_available_newblock does but without starting a block, and wakes the reader: once
+  // the reader has read the block it releases it, so an idle stream holds no block. The next
+  // write starts a new one.
+  void write_pause();
+
   // Reader. Stores through `out` the start of the contiguous readable bytes of `first` and
-  // returns their count. On an empty buffer waits once, at most 100 ms (ending early when the
-  // writer adds bytes), and returns 0 without storing through `out` if it is still empty.
+  // returns their count. On an empty buffer waits once, at most 100 ms (as wait_for_data does),
+  // and returns 0 without storing through `out` if it is still empty.
   uint64_t read_get_available(char** out);
 
   // Reader. Consumes `n` of the bytes read_get_available offered; releases `first` when
@@ -97,13 +105,20 @@ class CBuffer {
   // must not be read after it. Neither side may be running.
   void clean();
 
-  // Reader. Waits until the buffer holds bytes or `limit` has passed; true when it holds
-  // bytes. Lets the reader's own idle pause end as soon as the writer adds data instead of
-  // sleeping on regardless.
+  // Reader. Waits until the buffer holds bytes, wake_reader() is called or `limit` has passed
+  // (on the steady clock; `deadline` on the calendar clock); true when it holds bytes. An idle
+  // reader sleeps here until there is something to do instead of looking again and again.
+  // Before it sleeps it releases `first` if that has been read to its capacity (a block the
+  // writer gave up at a pause).
   bool wait_for_data(std::chrono::nanoseconds limit);
+  bool wait_for_data_until(std::chrono::system_clock::time_point deadline);
+
+  // Any thread. Ends the reader's current wait, or its next one when it is not waiting: for
+  // whoever changes what the reader waits for besides bytes (its stream ending, a stop).
+  void wake_reader();
 
   // True while a reader sits in the empty-buffer wait. For tests and diagnostics.
-  bool reader_waiting() const { return reader_waiting_.load(std::memory_order_seq_cst); }
+  bool reader_waiting() const { return reader_.waiting.load(std::memory_order_seq_cst); }
 
   std::atomic<CBlock*> first{nullptr};  // oldest block, the read end; null when empty
   std::atomic<CBlock*> last{nullptr};   // newest block, the write end; null when empty
@@ -118,17 +133,29 @@ class CBuffer {
   CBlock* writable_block();
   // Adds `n` freshly placed bytes to `size` and wakes a waiting reader.
   void publish(uint64_t n);
+  // Lowers the capacity of the block being filled to what it holds and forgets it.
+  void give_up_tail();
 
   // The writer's own view of the block it fills: `last` while that block has room, null when
   // there is none or it is full. The reader may release a full `last` at any moment, so the
   // writer never touches a block through this once it filled it. Writer only.
   CBlock* writable_ = nullptr;
 
-  // The reader's empty-buffer wait. The writer touches the mutex only when `reader_waiting_`
-  // is set, so a write costs one extra atomic load in the common case.
-  std::atomic<bool> reader_waiting_{false};
-  std::mutex wait_mutex_;
-  std::condition_variable data_arrived_;
+  // One side's sleep until the other side makes progress. The sleeper raises `waiting` and then
+  // tests its condition under `mutex`; the other side, after changing what the condition reads,
+  // takes `mutex` to notify only when it sees `waiting` raised, so progress that wakes no one
+  // costs one atomic load. `woken` (under `mutex`) ends the current or the next sleep.
+  struct Sleeper {
+    std::atomic<bool> waiting{false};
+    bool woken = false;
+    std::mutex mutex;
+    std::condition_variable cv;
+  };
+  template <class TimePoint>
+  bool wait_for_data_until_time(const TimePoint& deadline);
+
+  // The reader's empty-buffer sleep: woken by publish() and by wake_reader().
+  Sleeper reader_;
 };
 
 }  // namespace skerir

@@ -57,6 +57,9 @@ void* do_masterplaylist_fill_buffer(void* arg) {
     mpl->should_finish = true;
     mpl->fill_running = false;
   }
+  // Until the next pass nothing is written: the reader may release the block once it has sent
+  // it, and it wakes to see whether the stream has ended.
+  mpl->buffer->write_pause();
   return nullptr;
 }
 

@@ -115,6 +115,8 @@ class MasterPlaylist {
   std::string key_url;
   PlaylistVariantDef* selected = nullptr;
   std::unique_ptr<VariantPlaylist> variant;
+  // Once an engine thread has set it, its thread entry wakes the buffer's reader before it
+  // returns: the stream endpoint sleeps on its empty buffer until there is something to do.
   std::atomic<bool> should_finish{false};
   // Where this stream's figures are counted; the stream endpoint replaces it with the record
   // "/streams.json" shows, before start_refreshing.

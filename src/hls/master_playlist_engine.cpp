@@ -86,6 +86,8 @@ void* do_refresh_timer(void* arg) {
     log_err("Excep: ", e.what());
     mpl->should_finish = true;
   }
+  // The timer ends only once should_finish is set; the stream's reader sleeps until told.
+  mpl->buffer->wake_reader();
   return nullptr;
 }
 

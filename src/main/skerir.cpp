@@ -45,13 +45,12 @@ constexpr unsigned long kFutexHashSlots = 8192;
 
 void size_futex_hash() { prctl(PR_FUTEX_HASH, PR_FUTEX_HASH_SET_SLOTS, kFutexHashSlots, 0, 0); }
 
-// Stream-buffer blocks (512 KiB) must go back to the system when a stream ends. glibc raises
-// its mmap threshold past a block's size the first time one is freed, after which blocks come
-// from the heap arenas and their pages stay resident: the process would keep the memory of
+// Stream-buffer blocks (512 KiB) must go back to the system once no stream needs them. glibc
+// raises its mmap threshold past a block's size the first time one is freed, after which blocks
+// come from the heap arenas and their pages stay resident: the process would keep the memory of
 // its busiest moment for ever. A fixed threshold keeps every block mapped on its own and
-// unmapped when freed. The price is a page fault per fresh page of each new block (a bulk pull
-// costs about a tenth more CPU per MB than with blocks kept in the heaps); giving memory back
-// after a load peak is worth more to a long-running proxy.
+// unmapped when freed. A fresh mapping faults in and zeroes each of its pages, so blocks are
+// recycled through the bounded BlockPool, which releases what stays unused.
 constexpr int kOwnMappingBytes = 128 * 1024;
 
 void return_large_blocks_to_the_system() { mallopt(M_MMAP_THRESHOLD, kOwnMappingBytes); }

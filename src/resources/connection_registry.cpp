@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <ctime>
 
+#include "buffer/cbuffer.h"
+
 namespace skerir {
 
 ConnectionRegistry& ConnectionRegistry::process() {
@@ -27,10 +29,11 @@ ConnectionRegistry::Connection::~Connection() {
 }
 
 ConnectionRegistry::Stream::Stream(ConnectionRegistry& registry, std::string client,
-                                   std::string url)
+                                   std::string url, CBuffer* buffer)
     : registry_(registry), status_(std::make_shared<StreamStatus>()) {
   status_->client = std::move(client);
   status_->url = std::move(url);
+  status_->buffer = buffer;
   status_->started = static_cast<int64_t>(std::time(nullptr));
   std::lock_guard lock(registry_.mutex_);
   status_->id = ++registry_.last_stream_id_;
@@ -67,7 +70,11 @@ void ConnectionRegistry::shut_down_all() {
   std::lock_guard lock(mutex_);
   shutting_down_ = true;
   for (const int s : sockets_) ::shutdown(s, SHUT_RDWR);
-  for (const auto& stream : streams_) stream->stop = true;
+  for (const auto& stream : streams_) {
+    stream->stop = true;
+    // A stream waiting for data would otherwise notice only when data came or time ran out.
+    if (stream->buffer != nullptr) stream->buffer->wake_reader();
+  }
 }
 
 }  // namespace skerir

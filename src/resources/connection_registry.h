@@ -8,7 +8,8 @@
 // registers after that is stopped as it registers.
 //
 // Threading: one mutex, `ConnectionRegistry::mutex_`, guards the two tables and the shutdown
-// flag, and nothing else is locked while it is held. A socket leaves the table before its
+// flag. The only lock taken while it is held is a stream buffer's reader wake-up (a leaf lock
+// that takes no other). A socket leaves the table before its
 // owner closes it, so shutdown never touches a descriptor number that was reused. The figures
 // of a stream are atomics that its own threads update without the mutex.
 #pragma once
@@ -25,6 +26,8 @@
 
 namespace skerir {
 
+class CBuffer;
+
 struct StreamStatus {
   uint64_t id = 0;      // from 1, in start order
   std::string client;   // "192.0.2.1:40000" or "[2001:db8::1]:40000"
@@ -32,6 +35,9 @@ struct StreamStatus {
   int64_t started = 0;  // Unix seconds
   StreamCounters counters;
   std::atomic<bool> stop{false};  // set on shutdown; the stream's connection thread ends it
+  // The stream's buffer, whose reader is woken when `stop` is set. Outlives the registration;
+  // read only under the registry's mutex while the stream is registered.
+  CBuffer* buffer = nullptr;
 };
 
 class ConnectionRegistry {
@@ -52,10 +58,12 @@ class ConnectionRegistry {
     int socket_;
   };
 
-  // One running stream, registered while the handle lives.
+  // One running stream, registered while the handle lives. `buffer`, if given, must outlive
+  // the handle: its reader is woken when the stream is told to stop.
   class Stream {
    public:
-    Stream(ConnectionRegistry& registry, std::string client, std::string url);
+    Stream(ConnectionRegistry& registry, std::string client, std::string url,
+           CBuffer* buffer = nullptr);
     ~Stream();
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
-#include <ctime>
 #include <memory>
 
 #include "buffer/cbuffer.h"
@@ -25,8 +25,20 @@
 namespace skerir {
 namespace {
 
-// The calendar clock in whole seconds; the no-data time-out is measured on it.
-int64_t wall_seconds() { return static_cast<int64_t>(std::time(nullptr)); }
+// The calendar clock in whole seconds; the no-data time-out is measured on it. The same clock
+// as the idle wait's deadline, so the check passes the moment that wait ends.
+int64_t wall_seconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// The first moment at which the no-data check in serve() passes.
+std::chrono::system_clock::time_point no_data_deadline(int64_t last_data_time) {
+  const auto first_late_second =
+      last_data_time + static_cast<int64_t>(std::floor(kStreamNoDataSeconds)) + 1;
+  return std::chrono::system_clock::time_point(std::chrono::seconds(first_late_second));
+}
 
 // The client's address as "192.0.2.1:40000" or "[2001:db8::1]:40000"; "" when the socket has
 // no IP peer (a socket pair in tests).
@@ -74,12 +86,12 @@ void ResourceStream::serve() {
   std::signal(SIGPIPE, SIG_IGN);
   int64_t last_data_time = wall_seconds();
   Response(socket_, 200, "Streaming...", "application/octet-stream").send();
+  CBuffer buffer;  // outlives `entry`, which wakes its reader on a stop
   ConnectionRegistry::Stream entry(ConnectionRegistry::process(), peer_address(socket_),
-                                   url_ != nullptr ? mask_header_values(*url_) : "");
+                                   url_ != nullptr ? mask_header_values(*url_) : "", &buffer);
   StreamCounters& counters = entry.status().counters;
   count(metrics().streams_started);
 
-  CBuffer buffer;
   std::unique_ptr<MasterPlaylist> mpl;
   bool started = false;
   try {
@@ -103,19 +115,22 @@ void ResourceStream::serve() {
     for (;;) {
       if (buffer.size.load() == 0 && mpl->should_finish) break;  // the stream has ended
       if (entry.status().stop.load()) break;                     // the process is stopping
-      char* ptr = nullptr;
-      const unsigned long avail = buffer.read_get_available(&ptr);
-      stats_->cbuff_size.store(buffer.size.load() >> 10, std::memory_order_relaxed);
-      counters.buffer_bytes.store(buffer.size.load(), std::memory_order_relaxed);
-      if (avail == 0) {
+      const uint64_t buffered = buffer.size.load();
+      stats_->cbuff_size.store(buffered >> 10, std::memory_order_relaxed);
+      counters.buffer_bytes.store(buffered, std::memory_order_relaxed);
+      if (buffered == 0) {
         if (static_cast<double>(wall_seconds() - last_data_time) > kStreamNoDataSeconds) {
           log_err("no data for long time, closing stream");
           break;
         }
-        // The idle pause ends early when the fill thread adds data, never later.
-        buffer.wait_for_data(std::chrono::nanoseconds(kStreamIdleWaitNs));
+        // Sleeps until there is something to do: bytes arrive, the engine ends the stream or
+        // the process stops it (both wake the buffer's reader), or the no-data limit falls due.
+        buffer.wait_for_data_until(no_data_deadline(last_data_time));
         continue;
       }
+      char* ptr = nullptr;
+      const unsigned long avail = buffer.read_get_available(&ptr);
+      if (avail == 0) continue;  // an abandoned empty block was skipped; the bytes come next
       const unsigned long len = std::min(avail, kStreamWriteSlice);
       if (!write_slice(ptr, len)) break;  // the client has gone
       counters.sent(len);

@@ -14,7 +14,6 @@ struct Stats;
 
 inline constexpr unsigned long kStreamWriteSlice = 131071;  // bytes per write to the client
 inline constexpr double kStreamNoDataSeconds = 15.0;
-inline constexpr long kStreamIdleWaitNs = 50'000'000;  // between two looks at an empty buffer
 
 class ResourceStream {
  public:

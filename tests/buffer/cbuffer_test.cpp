@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "buffer/aligned_alloc.h"
+#include "buffer/block_pool.h"
 #include "support/log_capture.h"
 
 namespace skerir {
@@ -91,6 +92,14 @@ TEST(CBuffer, ZeroCopyWriterCommitsInPlaceAndGivesUpTails) {
   std::string rest;
   for (int i = 0; i < 3 && rest.empty(); ++i) rest = drain(buf);
   EXPECT_EQ(rest, "xyz");
+
+  // A pausing writer gives its block up too: a reader that has read it all releases it before
+  // it sleeps, and the next write starts a new chain.
+  buf.write_pause();
+  EXPECT_FALSE(buf.wait_for_data(0ms));
+  EXPECT_EQ(buf.first.load(), nullptr);
+  buf.write("uv", 2);
+  EXPECT_EQ(drain(buf), "uv");
 }
 
 TEST(CBuffer, EmptyReadWaitsOnceAndWakesWhenDataArrives) {
@@ -126,6 +135,19 @@ TEST(CBuffer, FailedAllocationThrowsAndKeepsTheChain) {
             2u);
   EXPECT_EQ(drain(buf), pattern(0, kBlock));
   EXPECT_EQ(buf.write("x", 1), 1u);
+}
+
+TEST(CBuffer, ReleasedBlocksAreKeptBoundedUntilTheLastBufferGoes) {
+  const BlockPool& pool = BlockPool::process();
+  {
+    CBuffer buf;
+    const uint64_t n = (kPoolMaxBlocks + 2) * kBlock;
+    buf.write(pattern(0, n).data(), n);
+    EXPECT_EQ(drain(buf), pattern(0, n));
+    EXPECT_GT(pool.kept(), 0u);
+    EXPECT_LE(pool.kept(), kPoolMaxBlocks);
+  }
+  EXPECT_EQ(pool.kept(), 0u);
 }
 
 // One writer and one reader move 128 MiB, the writer mixing the three ways of writing in random
