@@ -9,6 +9,9 @@
 namespace skerir {
 namespace {
 
+// How often a writer waiting for room looks at its stop flag.
+constexpr std::chrono::milliseconds kRoomCheck{100};
+
 // A reader of an empty buffer waits this long, once, before reporting 0.
 constexpr std::chrono::milliseconds kEmptyReadWait{100};
 
@@ -152,6 +155,17 @@ bool CBuffer::wait_for_data_until(std::chrono::system_clock::time_point deadline
   return wait_for_data_until_time(deadline);
 }
 
+std::chrono::nanoseconds CBuffer::wait_for_room(uint64_t limit, const std::atomic<bool>* stop) {
+  const auto start = std::chrono::steady_clock::now();
+  std::unique_lock lock(writer_.mutex);
+  writer_.waiting.store(true, std::memory_order_seq_cst);
+  while (size.load(std::memory_order_seq_cst) > limit && !(stop != nullptr && stop->load())) {
+    writer_.cv.wait_for(lock, kRoomCheck);
+  }
+  writer_.waiting.store(false, std::memory_order_relaxed);  // a stale true costs one lock
+  return std::chrono::steady_clock::now() - start;
+}
+
 void CBuffer::wake_reader() {
   {
     std::lock_guard lock(reader_.mutex);
@@ -184,7 +198,11 @@ void CBuffer::read_notify_read(unsigned long n) {
   CBlock* b = first.load(std::memory_order_acquire);
   if (b == nullptr) return;
   // Relaxed: the reader hands nothing to the writer through `size`.
-  size.fetch_sub(n, std::memory_order_relaxed);
+  size.fetch_sub(n, std::memory_order_seq_cst);  // seq_cst: the writer's room handshake
+  if (writer_.waiting.load(std::memory_order_seq_cst)) {
+    { std::lock_guard lock(writer_.mutex); }
+    writer_.cv.notify_one();
+  }
   b->read_pos += n;
   // The block's end is its capacity, not its write position: the writer may still be filling it.
   if (b->read_pos == b->capacity.load(std::memory_order_acquire)) free_block();

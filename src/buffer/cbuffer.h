@@ -18,9 +18,9 @@
 // readable), so only that stream ends.
 //
 // Writer calls: write, write_get_available, write_get_available_newblock,
-// write_notify_written, write_pause, new_block. Reader calls: read_get_available, read_notify_read,
-// read, free_block, wait_for_data*. Any thread: wake_reader. clean() and destruction need both
-// sides to have stopped.
+// write_notify_written, write_pause, wait_for_room, new_block. Reader calls: read_get_available,
+// read_notify_read, read, free_block, wait_for_data*. Any thread: wake_reader. clean() and
+// destruction need both sides to have stopped.
 #pragma once
 
 #include <atomic>
@@ -117,6 +117,11 @@ class CBuffer {
   // whoever changes what the reader waits for besides bytes (its stream ending, a stop).
   void wake_reader();
 
+  // Writer. Waits while the buffer holds more than `limit` bytes, until the reader has taken
+  // enough or `*stop` is set (looked at every 100 ms); returns how long it waited. The
+  // writer's back-pressure inside one download, whatever length the upstream announces.
+  std::chrono::nanoseconds wait_for_room(uint64_t limit, const std::atomic<bool>* stop);
+
   // True while a reader sits in the empty-buffer wait. For tests and diagnostics.
   bool reader_waiting() const { return reader_.waiting.load(std::memory_order_seq_cst); }
 
@@ -156,6 +161,8 @@ class CBuffer {
 
   // The reader's empty-buffer sleep: woken by publish() and by wake_reader().
   Sleeper reader_;
+  // The writer's full-buffer sleep: woken by read_notify_read().
+  Sleeper writer_;
 };
 
 }  // namespace skerir

@@ -35,6 +35,10 @@ struct Stats;
 // A playlist or key fetch gives up after this long, whatever the upstream does: one that drips
 // its answer a byte at a time never trips a per-read time-out.
 inline constexpr std::chrono::seconds kFetchDeadline{30};
+// How far one segment may fill the stream buffer past its limit before the download waits for
+// the client: segments are fetched whole between limit checks, so without this a segment that
+// announces a huge length would fill memory as fast as its origin sends.
+inline constexpr uint64_t kBufferAllowance = 4 << 20;
 
 // One variant of a master playlist, held by value in playlist order.
 struct PlaylistVariantDef {

@@ -1,5 +1,7 @@
 // The lifecycle of one stream's engine: the start, the refresh-timer thread, the start of
 // each fill pass, and the teardown.
+#include <algorithm>
+#include <cstdint>
 #include <system_error>
 
 #include "buffer/cbuffer.h"
@@ -31,6 +33,7 @@ bool MasterPlaylist::start_refreshing() {
   log_out("start_refreshing");
   if (!refresh()) return false;
   curl.extra_headers = upstream_headers;
+  curl.buffer_limit = max_buffer_size + std::min(kBufferAllowance, UINT64_MAX - max_buffer_size);
   last_seq = 0;
   key_url.clear();
   key.clear();

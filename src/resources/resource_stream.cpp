@@ -18,6 +18,7 @@
 #include "resources/connection_registry.h"
 #include "resources/resource_stats.h"
 #include "resources/resource_streams.h"
+#include "upstream/connection.h"
 #include "upstream/stream_url.h"
 #include "util/log.h"
 #include "util/metrics.h"
@@ -103,6 +104,8 @@ void ResourceStream::serve() {
                                              startFrom_);
       mpl->counters = entry.counters();
       mpl->upstream_headers = target.headers;
+      // The first fetches run on this thread: a process that is stopping ends them too.
+      WaitLimit stopping(&entry.status().stop);
       started = mpl->start_refreshing();
     }
   } catch (const std::exception& e) {

@@ -193,6 +193,10 @@ class UCurl {
   // Where the requested part of the resource ends (exclusive), for a segment that is a byte
   // range of a larger resource; 0 when it runs to the resource's end.
   uint64_t range_end = 0;
+  // While a body goes into a buffer holding more than this many bytes, the download waits for
+  // the reader (0: never). The time waited is left out of the measured speed: a slow client is
+  // not a slow origin.
+  uint64_t buffer_limit = 0;
   // Header lines sent after the standard ones in every request; empty by default, and then
   // requests are exactly as they always were. A line with a control character or a name that
   // is not a token fails the attempt before anything is sent.
@@ -215,6 +219,8 @@ class UCurl {
   bool open_socket(int family);
   void read_body_into_buffer(std::string* response, CBuffer* buffer, BodyFraming& framing,
                              long long* got, const std::atomic<bool>* should_finish);
+  // Before each read into `buffer`: waits while it holds more than buffer_limit.
+  void wait_for_room(CBuffer* buffer, const std::atomic<bool>* should_finish);
   bool read_body_into_string(std::string* response, std::string* out, BodyFraming& framing,
                              long long* got, const std::atomic<bool>* should_finish);
 
@@ -223,6 +229,7 @@ class UCurl {
   std::vector<unsigned char> decrypt_scratch_;
   std::string status_line_;  // of the last answer, for the log of a refused redirect
   bool refused_ = false;     // the last connection was refused by policy: final for this call
+  std::chrono::nanoseconds paused_{0};  // waited for room during the current body
   socklen_t server_addr_len_ = 0;
   // The URL of the last get_stream call and where its redirects led: a resuming call goes
   // straight there.

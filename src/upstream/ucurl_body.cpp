@@ -150,6 +150,7 @@ bool UCurl::get_read_body(std::string* response, std::string* out, CBuffer* buff
         do_disconnect();
         break;
       }
+      if (out == nullptr) wait_for_room(buffer, should_finish);
       const std::string chunk = receive(kBodyReadSize, kBodyTimeoutSeconds);
       if (chunk.empty()) break;
       if (out != nullptr) {
@@ -199,6 +200,7 @@ void UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, BodyFr
   // Bounded by the framing and by each receive's time-out; a close-delimited body runs until
   // the close (or the stop flag), as an HTTP/1.0 one always has.
   while (framing.wants_more(*got)) {
+    wait_for_room(buffer, should_finish);
     if (should_finish != nullptr && should_finish->load()) {
       log_out("forced stream break. should finish");
       do_disconnect();
@@ -238,6 +240,12 @@ void UCurl::read_body_into_buffer(std::string* response, CBuffer* buffer, BodyFr
     int produced = 0;
     EVP_DecryptFinal_ex(ctx, as_bytes(room), &produced);
     buffer->write_notify_written(static_cast<unsigned long>(produced));
+  }
+}
+
+void UCurl::wait_for_room(CBuffer* buffer, const std::atomic<bool>* should_finish) {
+  if (buffer_limit != 0 && buffer->size.load(std::memory_order_relaxed) > buffer_limit) {
+    paused_ += buffer->wait_for_room(buffer_limit, should_finish);
   }
 }
 
@@ -293,6 +301,7 @@ int64_t UCurl::get_stream(std::string url, CBuffer* buffer, bool close_after, do
 
     timespec start{};
     clock_gettime(CLOCK_MONOTONIC, &start);
+    paused_ = std::chrono::nanoseconds(0);
     unsigned long received = 0;
     if (!get_read_body(&response, nullptr, buffer, &received, std::move(key), should_finish,
                        from_bytes != 0)) {
@@ -302,11 +311,13 @@ int64_t UCurl::get_stream(std::string url, CBuffer* buffer, bool close_after, do
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC, &end);
 
-    // Speed over the body transfer only (connection set-up and headers excluded), in kbit/s
-    // of 1024 bits. A 0 ms transfer gives inf (or NaN for 0 bytes); callers saturate.
+    // Speed over the body transfer only (connection set-up, headers and waits for the reader
+    // excluded), in kbit/s of 1024 bits. A 0 ms transfer gives inf (or NaN for 0 bytes);
+    // callers saturate.
     const long usec_diff = (end.tv_nsec - start.tv_nsec) / 1000;
     const double elapsed_ms = static_cast<double>(end.tv_sec - start.tv_sec) * 1000.0 +
-                              static_cast<double>(usec_diff) / 1000.0;
+                              static_cast<double>(usec_diff) / 1000.0 -
+                              std::chrono::duration<double, std::milli>(paused_).count();
     speed_kbit = static_cast<double>(received) * 8.0 * 1000.0 / elapsed_ms * (1.0 / 1024);
     return static_cast<int64_t>(received);
   } catch (const UCurlExceptionRecvError& e) {

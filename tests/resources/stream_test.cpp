@@ -7,6 +7,9 @@
 
 #include <thread>
 
+#include "buffer/cbuffer.h"
+#include "hls/master_playlist.h"
+#include "resources/resource_stats.h"
 #include "support/log_capture.h"
 #include "support/presentation.h"
 #include "support/test_server.h"
@@ -270,6 +273,31 @@ TEST_F(Stream, UnavailablePlaylistsEndTheStreamAfterItsHeader) {
   // The server goes on serving.
   EXPECT_TRUE(fetch_stream(server.port(), origin.url("/none.m3u8"), kDeadline).body.empty());
   EXPECT_EQ(LogCapture::instance().count("failed to get master playlist", true), 2u);
+}
+
+TEST_F(Stream, APlaylistNamingSkerirItselfIsRefusedAndFinishingEndsADrippingFetch) {
+  const std::string self = "http://127.0.0.1:" + std::to_string(server.port()) + "/stream?url=";
+  origin.set("/loop.m3u8", Reply::ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n" + self +
+                                     url_encode(origin.url("/loop.m3u8")) + "\n"));
+  EXPECT_TRUE(fetch_stream(server.port(), origin.url("/loop.m3u8"), kDeadline).closed);
+  EXPECT_EQ(LogCapture::instance().count("mpl finish and cleanup!", true), 1u);  // none came back
+  EXPECT_EQ(LogCapture::instance().count("Excep: refusing a request to skerir itself: 127.0.0.1:" +
+                                             std::to_string(server.port()),
+                                         true),
+            1u);
+
+  // A media playlist dripping a byte a second: finishing the engine ends its fetch at once.
+  const Presentation p{"drip", {500000}, 1, 2, 1024};
+  p.install(origin);
+  origin.set(p.playlist_path(0), {.body = p.media_playlist(origin, 0, 1, 2), .rate = 1});
+  Stats stats;
+  CBuffer buffer;
+  MasterPlaylist engine(origin.url(p.master_path()), &buffer, 1 << 20, &stats, 0);
+  ASSERT_TRUE(engine.start_refreshing());
+  ASSERT_TRUE(origin.wait_for_requests(p.playlist_path(0), 1, 30s));
+  const auto start = std::chrono::steady_clock::now();
+  engine.finish();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);  // the drip would last minutes
 }
 
 TEST_F(Stream, SilentOriginEndsTheStreamAfterFifteenSecondsWithoutData) {

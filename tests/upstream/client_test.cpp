@@ -190,6 +190,13 @@ TEST_F(UpstreamClient, FailedAttemptsAreRetriedAndDeadCacheServersDropped) {
   EXPECT_EQ(fetch(u, "http://@/ch/x/1.ts", &got), 3);
   EXPECT_EQ(got, "seg");
   EXPECT_GE(logged("Invalidating cache server 127.0.0.1:1"), 1u);
+  // So is a cache server that takes the connection and never answers.
+  ScriptedOrigin silent;
+  silent.set("/ch/x/1.ts", {.body = "x", .stall_before_headers = 60s});
+  cache_map->setCacheMapString(silent.authority() + ";" + origin.authority());
+  got.clear();
+  EXPECT_EQ(fetch(u, "http://@/ch/x/1.ts", &got), 3);
+  EXPECT_GE(logged("Invalidating cache server " + silent.authority()), 1u);
 }
 
 TEST_F(UpstreamClient, EncryptedBodiesOfEverySizeDecryptToThePlaintext) {
