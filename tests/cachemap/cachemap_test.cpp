@@ -4,8 +4,7 @@
 
 #include <algorithm>
 
-#include "cachemap/crc32.h"
-#include "support/log_capture.h"
+#include "support/test_server.h"
 
 namespace skerir {
 namespace {
@@ -13,8 +12,8 @@ namespace {
 using Lines = std::vector<std::string>;
 using test::LogCapture;
 
-// «2: "a" "b"! | 0:» is a ring of live a and dead b (alive count 2... as the map holds it),
-// then an empty ring.
+// «2: "a" "b"! | 0:»: a ring holding a live "a" and a dead "b" with the alive count the map
+// keeps for it, then an empty ring.
 std::string describe(const CacheMap& map) {
   std::string out;
   for (const CacheServerRing& ring : map.snapshot()) {
@@ -48,21 +47,6 @@ TEST(CacheMap, KeyIsTwoComponentsAfterTheLivePrefixOrTheRoot) {
       {"", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(CacheMap::keyFor(c.url), c.key) << c.url;
-}
-
-TEST(CacheMap, HashIsBits16To30OfTheCommonCrc32) {
-  const struct {
-    std::string text;
-    uint32_t crc;
-  } cases[] = {{"123456789", 0xCBF43926},
-               {"", 0},
-               {"a", 0xE8B7BE43},
-               {"abc/def", 0x20D7BCF8},
-               {"The quick brown fox jumps over the lazy dog", 0x414FA339}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(crc32(c.text), c.crc) << c.text;
-    EXPECT_EQ(CacheMap::hashFor(c.text), (c.crc >> 16) & 0x7FFF) << c.text;
-  }
 }
 
 TEST(CacheMap, ParsesRingsAsWrittenAndInvalidatesExactNamesOnce) {

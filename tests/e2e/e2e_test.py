@@ -1,19 +1,13 @@
 #!/usr/bin/env python3
-"""skerir end to end with real media: the real binary, nginx, ffprobe and ffmpeg as judges.
+"""skerir end to end with real media, nginx serving and ffprobe judging. Scenario "vod": the
+AES-128 sample. Scenario "muxer": ffmpeg's own HLS output (relative URIs, a version tag,
+fractional durations) under a master with relative variant URIs, over TLS behind a redirect.
+Either way the body must be the clear segments skerir reports, byte for byte, and decode."""
 
-  --scenario vod    the AES-128 sample through /stream: the output must be the clear twins of
-                    the segments skerir reports, byte for byte, and decode without an error
-  --scenario muxer  two variants written by ffmpeg's HLS muxer as it writes them (relative
-                    URIs, a version tag, fractional durations) under a master with relative
-                    variant URIs, served by nginx over TLS behind a redirect
-(The scale-out test, scaleout_test.py, stops a cache server mid-stream.)
-"""
-
-import argparse, os, re, shutil, signal, socket, subprocess, sys, tempfile, time
+import argparse, os, re, shutil, signal, socket, subprocess, sys, tempfile, time, urllib.parse
 
 REPO = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 SEGMENTS = 15  # per variant, 2 s each
-CHUNK = re.compile(r"^got chunk \(seq (\d+)\) from http://[^/]+/vod/\w+/(v\d/seg_\d+\.ts) ")
 
 
 class Proc:
@@ -50,29 +44,14 @@ class Proc:
         self.p.wait(60)
 
 
-def origin(workdir, port, rate=0):
-    return Proc(workdir, "nginx-%d" % port, "bash", os.path.join(REPO, "scripts/sample-origin.sh"),
-                "--port", str(port), "--rate", str(rate)).wait_port(port)
-
-
-def request(path, on_first_chunk=None, server=("127.0.0.1", 7744)):
+def request(path, server=("127.0.0.1", 7744)):
     """GET on skerir's port; returns the body once skerir closes."""
     with socket.create_connection(server, timeout=240) as s:
         s.sendall(b"GET " + path.encode() + b" HTTP/1.1\r\n\r\n")
         data = b""
         while chunk := s.recv(65536):
             data += chunk
-            if on_first_chunk and b"\r\n\r\n" in data:
-                on_first_chunk = on_first_chunk()
     return data.partition(b"\r\n\r\n")[2]
-
-
-def judge(body, skerir, workdir, name):
-    """The body is the clear segments skerir reported, one for each number, and plays."""
-    skerir.wait_line("^mpl finish and cleanup!$", "err")
-    names = [m.group(2) for m in map(CHUNK.match, skerir.lines()) if m]
-    assert [int(n[-6:-3]) for n in names] == list(range(1, SEGMENTS + 1)), names
-    check_media(body, names, workdir, name)
 
 
 def check_media(body, names, workdir, name, root=os.path.join(REPO, "sample/vod/clear"),
@@ -95,11 +74,25 @@ def check_media(body, names, workdir, name, root=os.path.join(REPO, "sample/vod/
           % (name, len(body), " ".join(names), duration), flush=True)
 
 
+def play(workdir, skerir_bin, procs, url, segment):
+    """Streams `url` through a fresh skerir to its end: the body, and the names of the segments
+    skerir reports fetching (the group of the `segment` pattern), in order."""
+    skerir = Proc(workdir, "skerir", skerir_bin, "16777216").wait_port(7744)
+    procs.append(skerir)
+    body = request("/stream?url=" + urllib.parse.quote(url, safe=""))
+    skerir.wait_line("^mpl finish and cleanup!$", "err")
+    chunks = (re.match(r"^got chunk \(seq \d+\) from https?://[^/]+/" + segment + " ", l)
+              for l in skerir.lines())
+    return body, [m.group(1) for m in chunks if m]
+
+
 def vod(workdir, skerir_bin, procs):
-    procs.append(origin(workdir, 7780))
-    procs.append(Proc(workdir, "skerir", skerir_bin, "16777216").wait_port(7744))
-    judge(request("/stream?url=http%3A%2F%2F127.0.0.1%3A7780%2Fvod%2Faes%2Fmaster.m3u8"),
-          procs[-1], workdir, "vod")
+    procs.append(Proc(workdir, "nginx", "bash", os.path.join(REPO, "scripts/sample-origin.sh"),
+                      "--port", "7780").wait_port(7780))
+    body, names = play(workdir, skerir_bin, procs, "http://127.0.0.1:7780/vod/aes/master.m3u8",
+                       r"vod/aes/(v\d/seg_\d+\.ts)")
+    assert [int(n[-6:-3]) for n in names] == list(range(1, SEGMENTS + 1)), names
+    check_media(body, names, workdir, "vod")
 
 
 def muxer(workdir, skerir_bin, procs):
@@ -113,28 +106,19 @@ def muxer(workdir, skerir_bin, procs):
     open(os.path.join(www, "hls/master.m3u8"), "w").write(
         "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-STREAM-INF:BANDWIDTH=300000\nv0/index.m3u8\n"
         "#EXT-X-STREAM-INF:BANDWIDTH=900000\nv1/index.m3u8\n")
-    cert = os.path.join(workdir, "cert.pem")
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                    "-nodes", "-keyout", workdir + "/key.pem", "-out", cert, "-days", "2",
-                    "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1"],
-                   check=True, capture_output=True)
+    cert = os.path.join(REPO, "tests/support/tls/trusted")  # for 127.0.0.1 until 2120
     open(workdir + "/nginx.conf", "w").write("""%s daemon off; pid %s/nginx.pid; events {}
       http { access_log off; client_body_temp_path %s; proxy_temp_path %s; fastcgi_temp_path %s;
         uwsgi_temp_path %s; scgi_temp_path %s;
-        server { listen 127.0.0.1:%d ssl; ssl_certificate %s; ssl_certificate_key %s/key.pem;
+        server { listen 127.0.0.1:%d ssl; ssl_certificate %s.crt; ssl_certificate_key %s.key;
                  root %s; location = /start.m3u8 { return 302 /hls/master.m3u8; } } }"""
                                          % (("user root root;" if os.getuid() == 0 else ""),
-                                            workdir, *[workdir] * 5, port, cert, workdir, www))
+                                            workdir, *[workdir] * 5, port, cert, cert, www))
     procs.append(Proc(workdir, "nginx-tls", "nginx", "-p", workdir, "-e", workdir + "/nginx.err",
                       "-c", workdir + "/nginx.conf").wait_port(port))
-    os.environ["SSL_CERT_FILE"] = cert  # the only certificate skerir trusts
-    skerir = Proc(workdir, "skerir", skerir_bin, "16777216").wait_port(7744)
-    procs.append(skerir)
-    body = request("/stream?url=https%%3A%%2F%%2F127.0.0.1%%3A%d%%2Fstart.m3u8" % port)
-    skerir.wait_line("^mpl finish and cleanup!$", "err")
-    chunks = [re.match(r"^got chunk \(seq (\d)\) from https://[^/]+/hls/(v\d/index\d\.ts) ", l)
-              for l in skerir.lines()]
-    names = [m.group(2) for m in chunks if m]
+    os.environ["SSL_CERT_FILE"] = cert + ".crt"  # the only certificate skerir trusts
+    body, names = play(workdir, skerir_bin, procs, "https://127.0.0.1:%d/start.m3u8" % port,
+                       r"hls/(v\d/index\d\.ts)")
     # The muxer numbers its segments from 0, and a segment numbered 0 is never fetched.
     assert [n[-4] for n in names] == ["1", "2", "3"], names
     check_media(body, names, workdir, "muxer", os.path.join(www, "hls"), 6)

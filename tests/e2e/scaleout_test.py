@@ -1,13 +1,10 @@
 #!/usr/bin/env python3
-"""The scaled-out layout that deploy/scale-out.sh brings up (HAProxy, three skerir instances, two
-nginx cache nodes, the nginx origin), driven end to end through HAProxy with the placeholder-host
-sample. Every stream must be clear segments byte for byte and decode cleanly; the streams spread
-over every instance; the origin serves each segment once to each cache node; the node in use stops
-mid-stream and the streams finish through the other; a killed instance is marked down and new
-streams go to the others; stopping the layout leaves no process and no file behind.
-"""
+"""The layout of deploy/scale-out.sh driven through HAProxy with the placeholder-host sample:
+streams byte-exact and decoding, spread over the instances, each segment fetched from the origin
+once per cache node, surviving a cache node stopped mid-stream and a killed instance; stopping
+the layout leaves no process and no file behind."""
 
-import argparse, collections, glob, os, re, shutil, signal, sys, tempfile, threading, time
+import argparse, collections, concurrent.futures, glob, os, re, shutil, signal, sys, tempfile, time
 import urllib.request
 from e2e_test import REPO, SEGMENTS, Proc, check_media, request
 
@@ -20,8 +17,8 @@ CLEAR = {os.path.relpath(p, os.path.join(REPO, "sample/vod/clear")): open(p, "rb
          for p in glob.glob(os.path.join(REPO, "sample/vod/clear/v*/seg_*.ts"))}
 
 
-def until(what, check, timeout=120):
-    for _ in range(timeout * 10):
+def until(what, check):
+    for _ in range(1200):
         if result := check():
             return result
         time.sleep(0.1)
@@ -43,15 +40,11 @@ def segments(body):
 
 def streams(front, count, meanwhile=lambda: None):
     """`count` concurrent streams through HAProxy; `meanwhile` runs while they play."""
-    bodies, (host, port) = [b""] * count, front.split(":")
-    fetch = lambda i: bodies.__setitem__(i, request(URL, server=(host, int(port))))
-    threads = [threading.Thread(target=fetch, args=(i,)) for i in range(count)]
-    for t in threads:
-        t.start()
-    meanwhile()
-    for t in threads:
-        t.join()
-    return bodies
+    host, port = front.split(":")
+    with concurrent.futures.ThreadPoolExecutor(count) as pool:
+        bodies = [pool.submit(request, URL, (host, int(port))) for _ in range(count)]
+        meanwhile()
+        return [b.result() for b in bodies]
 
 
 def scale_out(state, workdir):

@@ -3,7 +3,7 @@
 #include "buffer/cbuffer.h"
 #include "hls/master_playlist.h"
 #include "resources/resource_stats.h"
-#include "support/log_capture.h"
+#include "support/test_server.h"
 
 namespace skerir {
 namespace {

@@ -8,12 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <random>
 #include <sstream>
 
 #include "support/presentation.h"
-#include "support/process.h"
 #include "support/test_server.h"
 
 namespace skerir::test {
@@ -48,14 +46,6 @@ struct Record {
   bool closed = false;
   std::string body;  // clean streams only
 };
-
-uint64_t status_field(pid_t pid, const std::string& key) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  uint64_t value = 0;
-  for (std::string k; in >> k && k != key;) in.ignore(1 << 20, '\n');
-  in >> value;
-  return value;
-}
 
 class Load {
  public:
@@ -159,20 +149,19 @@ TEST(Load, StreamsSurviveFaultsAndMemoryComesBack) {
       std::istringstream err(child.err());
       size_t cleanups = 0;
       for (std::string l; std::getline(err, l);) cleanups += l == "mpl finish and cleanup!";
-      if (cleanups >= load.records_.size() && status_field(child.pid(), "Threads:") == 1)
-        return true;
+      if (cleanups >= load.records_.size() && child.status("Threads:") == 1) return true;
     }
     return false;
   };
   load.run(10s, false);  // a warm-up with the same mix lets the allocator make its arenas
   ASSERT_TRUE(settled()) << child.err().substr(0, 4000);
-  const uint64_t before = status_field(child.pid(), "RssAnon:");
+  const uint64_t before = child.status("RssAnon:");
   const size_t warm = load.records_.size();
   load.run(kSanitized ? 30s : 40s, true);
   EXPECT_TRUE(settled()) << "streams or threads left behind";
   EXPECT_TRUE(load.origin_.wait_for_no_connections(60s));
   EXPECT_TRUE(load.cache_b_.wait_for_no_connections(60s));
-  const uint64_t after = status_field(child.pid(), "RssAnon:");
+  const uint64_t after = child.status("RssAnon:");
   ASSERT_EQ(child.wait_exit(0ms), -1) << child.err().substr(0, 4000);
 
   std::vector<std::string> got_chunk;

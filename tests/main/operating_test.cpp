@@ -1,15 +1,14 @@
-// The real binary as an operator runs it: listening addresses, the map token, the stream list,
-// and stopping on signals with streams running.
+// The real binary as an operator runs it: its one argument and fixed port, listening addresses,
+// the map token, the stream list, and stopping on signals with streams running.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <thread>
 
+#include "main/options.h"
 #include "support/presentation.h"
-#include "support/process.h"
 #include "support/test_server.h"
 
 namespace skerir::test {
@@ -41,11 +40,21 @@ int open_stream(int port, const std::string& master) {
   return fd;
 }
 
-TEST(Operating, GuardsTheMapsListsStreamsAndEndsThemOnSigterm) {
-  ChildProcess help(skerir_binary(), {"--help"});
-  EXPECT_EQ(help.wait_exit(30s), 0);
-  EXPECT_NE(help.out().find("\n  --listen ADDR:PORT"), std::string::npos) << help.out();
+TEST(Operating, StartsOnItsFixedPortAsItsOneArgumentSays) {
+  ChildProcess none(skerir_binary(), {});
+  EXPECT_EQ(none.wait_exit(30s), 2);
+  EXPECT_EQ(none.err(), "Specify maximal buffer size\n");
+  ChildProcess p(skerir_binary(), {"abc"});
+  ASSERT_TRUE(wait_listening(7744)) << p.err();
+  EXPECT_NE(
+      roundtrip(7744, "GET /stats.json HTTP/1.1\r\n\r\n").find("\r\n\r\n{\"last_chunk_speed\": 0,"),
+      std::string::npos);
+  ChildProcess second(skerir_binary(), {"1000"});  // 7744 is taken by the first
+  EXPECT_EQ(second.wait_exit(30s), 0);
+  EXPECT_EQ(second.err(), "Couldn't bind listening socket.\n");
+}
 
+TEST(Operating, GuardsTheMapsListsStreamsAndEndsThemOnSigterm) {
   ScriptedOrigin origin;
   const Presentation p{"slow", {500000}, 1, 1, 2 << 20};
   p.install(origin);
@@ -110,13 +119,7 @@ TEST(Operating, AnEndlessSegmentToAStalledClientKeepsMemoryBounded) {
   origin.set(p.segment_path(0, 1),
              {.body = segment_bytes(0, 1, 64 * 1024), .length = 1000000000000000});
   auto [s, port] = start({});
-  auto anonymous_mib = [pid = s->pid()] {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    double kib = 0;
-    for (std::string key; in >> key && key != "RssAnon:";) in.ignore(1 << 20, '\n');
-    in >> kib;
-    return kib / 1024;
-  };
+  auto anonymous_mib = [&s] { return s->status("RssAnon:") / 1024.0; };
   const double before = anonymous_mib();
   const int client = open_stream(port, origin.url(p.master_path()));
   ASSERT_TRUE(origin.wait_for_requests(p.segment_path(0, 1), 1, 30s));
@@ -129,6 +132,52 @@ TEST(Operating, AnEndlessSegmentToAStalledClientKeepsMemoryBounded) {
       before, peak);
   EXPECT_LT(peak - before, 64);
   ::close(client);
+}
+
+using Action = Options::Action;
+
+TEST(CommandLine, SizeFirstThenOptionsAndOneLineForEachMistake) {
+  const struct {
+    std::vector<std::string> args;
+    Action action;
+    std::string message;  // kFail: exact; kHelp, kVersion: a fragment
+    unsigned long size = 0;
+    size_t listeners = 0;
+  } cases[] = {
+      {{}, Action::kFail, "Specify maximal buffer size"},
+      {{"16777216"}, Action::kServe, "", 16777216},
+      {{"12kb"}, Action::kServe, "", 12},
+      {{"-h"}, Action::kHelp, "--upstream-allow LIST"},
+      {{"--version"}, Action::kVersion, "skerir "},
+      {{"1", "--listen", "127.0.0.1:0", "--listen=[::1]:65535"}, Action::kServe, "", 1, 2},
+      {{"1", "--map-token", "--help"}, Action::kServe, "", 1},  // a value, not an option
+      {{"1", "--upstream-allow", "a", "--upstream-allow=b:1,10.0.0.0/8"}, Action::kServe, "", 1},
+      {{"1", "--lisen", "x"}, Action::kFail, "unknown option '--lisen' (see skerir --help)"},
+      {{"--listen", "0.0.0.0:1"},
+       Action::kFail,
+       "unexpected argument '0.0.0.0:1': options come after the buffer size (see skerir --help)"},
+      {{"1", "--map-token="}, Action::kFail, "--map-token needs a non-empty value"},
+      {{"1", "--upstream-allow", "a,,b"}, Action::kFail, "--upstream-allow: empty entry in 'a,,b'"},
+  };
+  for (const auto& c : cases) {
+    const Options o = Options::parse(c.args);
+    SCOPED_TRACE(c.args.empty() ? "(none)" : c.args.back());
+    ASSERT_EQ(o.action, c.action) << o.message;
+    if (c.action == Action::kFail) {
+      EXPECT_EQ(o.message, (c.args.empty() ? "" : "skerir: ") + c.message);
+    } else if (c.action != Action::kServe) {
+      EXPECT_NE(o.message.find(c.message), std::string::npos) << o.message;
+    } else {
+      EXPECT_EQ(o.max_buffer_size, c.size);
+      EXPECT_EQ(o.listen.size(), c.listeners);
+    }
+  }
+  for (const char* bad :
+       {"localhost:80", "::1:7744", "[::1]:", "1.2.3.4:65536", "1.2.3.4:80x", "[1.2.3.4]:80"}) {
+    EXPECT_EQ(Options::parse({"1", "--listen", bad}).message,
+              "skerir: --listen '" + std::string(bad) +
+                  "': expected an IPv4 address or a bracketed IPv6 address, a colon and a port");
+  }
 }
 
 }  // namespace

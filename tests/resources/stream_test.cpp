@@ -7,10 +7,6 @@
 
 #include <thread>
 
-#include "buffer/cbuffer.h"
-#include "hls/master_playlist.h"
-#include "resources/resource_stats.h"
-#include "support/log_capture.h"
 #include "support/presentation.h"
 #include "support/test_server.h"
 
@@ -19,11 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 constexpr auto kDeadline = 120s;
-const std::string kStreamHead =
-    "HTTP/1.0 200 Streaming...\r\nContent-Type: application/octet-stream\r\n"
-    "Connection: close\r\nAllow: GET, HEAD\r\nCache-Control: no-cache\r\n"
-    "Access-Control-Allow-Origin: *\r\n\r\n";
-
 std::vector<uint64_t> sequences(const Segments& segments) {
   std::vector<uint64_t> out;
   for (const auto& s : segments) out.push_back(s.second);
@@ -34,6 +25,26 @@ std::vector<uint64_t> range(uint64_t first, uint64_t last) {
   std::vector<uint64_t> out;
   for (uint64_t s = first; s <= last; ++s) out.push_back(s);
   return out;
+}
+
+// A client with a receive window of 4 KiB, so that the server's writes block soon: it asks for
+// `url`, reads nothing for `pause`, then reads until the server closes; returns the body.
+std::string read_after(std::chrono::seconds pause, int port, const std::string& url) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int window = 4096;
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+  sockaddr_in sa{.sin_family = AF_INET,
+                 .sin_port = htons(static_cast<uint16_t>(port)),
+                 .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  const std::string req = "GET /stream?url=" + url_encode(url) + " HTTP/1.1\r\n\r\n";
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0)
+    ::send(fd, req.data(), req.size(), 0);
+  std::this_thread::sleep_for(pause);
+  std::string raw;
+  EXPECT_TRUE(read_until_close(fd, &raw, kDeadline));
+  ::close(fd);
+  EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
+  return raw.substr(std::min(raw.size(), raw.find("\r\n\r\n") + 4));
 }
 
 class Stream : public ::testing::Test {
@@ -50,7 +61,6 @@ class Stream : public ::testing::Test {
     LogCapture::instance().clear();
     const StreamResult r = fetch_stream(server.port(), master, kDeadline, query);
     EXPECT_TRUE(r.closed) << p.name << query;
-    EXPECT_EQ(r.head, kStreamHead);
     EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
     const Segments d = delivered_segments(*o, p);
     EXPECT_TRUE(r.body == bytes_of(p, d)) << p.name << ": body of " << r.body.size() << " bytes";
@@ -71,13 +81,6 @@ TEST_F(Stream, VodStartsLowSwitchesUpAndDeliversEverySegmentOnce) {
   for (size_t i = 1; i < d.size(); ++i) EXPECT_GE(d[i].first, d[i - 1].first);
   EXPECT_EQ(server.stats().selected_profile.load(), 1600000u >> 10);
   EXPECT_GT(server.stats().avg_speed.load(), 0u);
-}
-
-TEST_F(Stream, AMediaPlaylistAsTheUrlIsTheOnlyVariantAndIsFetchedOnce) {
-  const Presentation p{"media", {500000}, 1, 4, 20 * 1024};
-  p.install(origin);
-  EXPECT_EQ(sequences(stream(p, "", nullptr, origin.url(p.playlist_path(0)))), range(1, 4));
-  EXPECT_EQ(origin.requests(p.playlist_path(0)).size(), 1u);
 }
 
 TEST_F(Stream, StartFromSkipsOnTheFirstPassOnly) {
@@ -127,40 +130,12 @@ TEST_F(Stream, AnEncoderRestartContinuesFromTheNewWindow) {
             1u);
 }
 
-TEST_F(Stream, LongSegmentsAndASmallBufferKeepASlowClientFed) {
-  const Presentation p{"long", {500000}, 1, 5, 1 << 20, 40};  // a refresh every 26 s
-  p.install(origin);
-  TestServer small(300 * 1024);
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  const int window = 4096;  // the kernel buffers little, so the stream buffer fills
-  const timeval limit{120, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  sockaddr_in sa{.sin_family = AF_INET,
-                 .sin_port = htons(static_cast<uint16_t>(small.port())),
-                 .sin_addr = {htonl(INADDR_LOOPBACK)}};
-  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-  const std::string req =
-      "GET /stream?url=" + url_encode(origin.url(p.master_path())) + " HTTP/1.1\r\n\r\n";
-  ::send(fd, req.data(), req.size(), 0);
-  std::string raw;
-  char buf[32768];
-  for (ssize_t n; (n = ::recv(fd, buf, sizeof buf, 0)) > 0; std::this_thread::sleep_for(10ms)) {
-    raw.append(buf, static_cast<size_t>(n));
-  }
-  ::close(fd);
-  EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
-  EXPECT_EQ(sequences(delivered_segments(origin, p)), range(1, 5));
-  EXPECT_TRUE(raw.substr(raw.find("\r\n\r\n") + 4) == bytes_of(p, delivered_segments(origin, p)));
-}
-
 TEST_F(Stream, SuddenSpeedDropSwitchesDownWithoutGapsOrRepeats) {
   const Presentation p{"drop", {300000, 800000, 1600000}, 1, 8, 24 * 1024};
   p.install(origin);
   for (uint64_t seq = 4; seq <= 8; ++seq) {  // the top variant slows to 192 kbit/s from 4 on
-    Reply slow = Reply::ok(segment_bytes(2, seq, p.segment_size));
-    slow.rate = 24 * 1024;
-    origin.set(p.segment_path(2, seq), slow);
+    origin.set(p.segment_path(2, seq),
+               {.body = segment_bytes(2, seq, p.segment_size), .rate = 24 << 10});
   }
   const Segments d = stream(p);
   EXPECT_EQ(sequences(d), range(1, 8));
@@ -168,34 +143,6 @@ TEST_F(Stream, SuddenSpeedDropSwitchesDownWithoutGapsOrRepeats) {
   const auto top = std::find_if(d.begin(), d.end(), [](const auto& s) { return s.first == 2; });
   ASSERT_NE(top, d.end());
   EXPECT_NE(std::find_if(top, d.end(), [](const auto& s) { return s.first < 2; }), d.end());
-}
-
-TEST_F(Stream, EncryptedSegmentsAreDecryptedAndAStallResumesMidCipherBlock) {
-  const Presentation p{"aes", {500000}, 1, 4, 300 * 1024 + 7, 2, true, "k-0123456789abcd"};
-  p.install(origin);
-  Reply stall = Reply::ok(segment_bytes(0, 2, p.segment_size));
-  stall.encrypt_key = p.key;
-  stall.stall_at = 100001;
-  stall.stall_for = 4s;  // beyond the 2 s receive time-out, once
-  origin.push_next(p.segment_path(0, 2), stall);
-  EXPECT_EQ(sequences(stream(p)), range(1, 4));
-  EXPECT_EQ(origin.requests("/aes/key").size(), 1u);
-  EXPECT_EQ(origin.requests(p.segment_path(0, 2)).back().range, "bytes=100001-");
-  EXPECT_EQ(
-      LogCapture::instance().count("retry chunk get from " + origin.url(p.segment_path(0, 2)) +
-                                   " starting from byte 100001"),
-      1u);
-}
-
-// An https master behind a redirect from http, its playlists, key and segments all chunked.
-TEST_F(Stream, ChunkedHttpsPresentationBehindARedirectPlaysByteExact) {
-  ScriptedOrigin tls(false, Tls::trusted);
-  const Presentation p{"tls", {500000}, 1, 4, 200 * 1024 + 7, 2, true, "k-0123456789abcd"};
-  p.install(tls, {.chunked = true});
-  origin.set("/moved.m3u8", Reply::redirect(302, tls.url(p.master_path())));
-  EXPECT_EQ(sequences(stream(p, "", &tls, origin.url("/moved.m3u8"))), range(1, 4));
-  EXPECT_EQ(tls.requests("/tls/key").size(), 1u);
-  EXPECT_EQ(LogCapture::instance().count("TLS: "), 0u);
 }
 
 // The shape HLS muxers write: a master with a version tag and relative variant URIs (found
@@ -227,6 +174,10 @@ TEST_F(Stream, RelativeUrisKeyAttributesRangesAndHeadersOfARealPlaylist) {
   for (const auto& req : origin.requests())
     EXPECT_NE(req.head.find("\r\nUser-Agent: t/1\r\n"), std::string::npos);
   EXPECT_EQ(origin.requests("/real/v0/all.ts")[1].range, "bytes=1000-1499");
+  // A media playlist as the URL is the one variant, fetched once.
+  EXPECT_TRUE(fetch_stream(server.port(), origin.url("/real/v0/prog.m3u8"), kDeadline).body ==
+              first + all.substr(0, 1500));
+  EXPECT_EQ(origin.requests("/real/v0/prog.m3u8").size(), 2u);
   // A key shorter than 16 bytes fails its segments rather than passing ciphertext on.
   origin.set("/real/k.bin", Reply::ok("short"));
   EXPECT_EQ(fetch_stream(server.port(), origin.url("/m.m3u8"), kDeadline).body,
@@ -275,7 +226,7 @@ TEST_F(Stream, UnavailablePlaylistsEndTheStreamAfterItsHeader) {
   EXPECT_EQ(LogCapture::instance().count("failed to get master playlist", true), 2u);
 }
 
-TEST_F(Stream, APlaylistNamingSkerirItselfIsRefusedAndFinishingEndsADrippingFetch) {
+TEST_F(Stream, APlaylistNamingSkerirItselfIsRefused) {
   const std::string self = "http://127.0.0.1:" + std::to_string(server.port()) + "/stream?url=";
   origin.set("/loop.m3u8", Reply::ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n" + self +
                                      url_encode(origin.url("/loop.m3u8")) + "\n"));
@@ -285,27 +236,12 @@ TEST_F(Stream, APlaylistNamingSkerirItselfIsRefusedAndFinishingEndsADrippingFetc
                                              std::to_string(server.port()),
                                          true),
             1u);
-
-  // A media playlist dripping a byte a second: finishing the engine ends its fetch at once.
-  const Presentation p{"drip", {500000}, 1, 2, 1024};
-  p.install(origin);
-  origin.set(p.playlist_path(0), {.body = p.media_playlist(origin, 0, 1, 2), .rate = 1});
-  Stats stats;
-  CBuffer buffer;
-  MasterPlaylist engine(origin.url(p.master_path()), &buffer, 1 << 20, &stats, 0);
-  ASSERT_TRUE(engine.start_refreshing());
-  ASSERT_TRUE(origin.wait_for_requests(p.playlist_path(0), 1, 30s));
-  const auto start = std::chrono::steady_clock::now();
-  engine.finish();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);  // the drip would last minutes
 }
 
 TEST_F(Stream, SilentOriginEndsTheStreamAfterFifteenSecondsWithoutData) {
   const Presentation p{"silent", {500000}, 1, 3, 10 * 1024};
   p.install(origin);
-  Reply silent = Reply::ok("never");
-  silent.stall_before_headers = 120s;
-  origin.set(p.segment_path(0, 2), silent);
+  origin.set(p.segment_path(0, 2), {.body = "never", .stall_before_headers = 120s});
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(sequences(stream(p)), (std::vector<uint64_t>{1}));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 15s);
@@ -315,22 +251,9 @@ TEST_F(Stream, SilentOriginEndsTheStreamAfterFifteenSecondsWithoutData) {
 TEST_F(Stream, ClientThatPausesPastTheSendTimeOutLosesNothing) {
   const Presentation p{"pause", {500000}, 1, 20, 300 * 1024};
   p.install(origin);
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  const int small = 4096;  // the server's writes block soon, and its 10 s send time-out expires
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-  sockaddr_in sa{.sin_family = AF_INET,
-                 .sin_port = htons(static_cast<uint16_t>(server.port())),
-                 .sin_addr = {htonl(INADDR_LOOPBACK)}};
-  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-  const std::string req =
-      "GET /stream?url=" + url_encode(origin.url(p.master_path())) + " HTTP/1.1\r\n\r\n";
-  ::send(fd, req.data(), req.size(), 0);
-  std::this_thread::sleep_for(12s);
-  std::string raw;
-  EXPECT_TRUE(read_until_close(fd, &raw, kDeadline));
-  ::close(fd);
-  EXPECT_TRUE(LogCapture::instance().wait_for("mpl finish and cleanup!", 60s));
-  EXPECT_TRUE(raw.substr(raw.find("\r\n\r\n") + 4) == bytes_of(p, delivered_segments(origin, p)));
+  // The server's send time-out (10 s) expires in the middle of a write.
+  const std::string body = read_after(12s, server.port(), origin.url(p.master_path()));
+  EXPECT_TRUE(body == bytes_of(p, delivered_segments(origin, p)));
 }
 
 }  // namespace

@@ -2,10 +2,27 @@
 
 #include <unistd.h>
 
-#include "support/log_capture.h"
+#include "buffer/cbuffer.h"
 #include "support/test_server.h"
 
 namespace skerir::test {
+
+std::string pattern(uint64_t offset, size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i)
+    s[i] = static_cast<char>(((offset + i) * 0x9E3779B97F4A7C15ull) >> 56);
+  return s;
+}
+
+std::string drain(CBuffer& buffer) {
+  std::string out;
+  char* in = nullptr;
+  for (uint64_t n; buffer.size > 0 && (n = buffer.read_get_available(&in)) > 0;) {
+    out.append(in, n);
+    buffer.read_notify_read(n);
+  }
+  return out;
+}
 
 std::string segment_bytes(int variant, uint64_t sequence, size_t size) {
   const std::string tag = "v" + std::to_string(variant) + "s" + std::to_string(sequence) + ":";
@@ -55,12 +72,7 @@ std::string Presentation::url(const ScriptedOrigin& origin, const std::string& p
   return host.empty() ? origin.url(path) : "http://" + host + path;
 }
 
-void Presentation::install(ScriptedOrigin& origin, const Reply& style) const {
-  auto reply = [&style](std::string body) {
-    Reply r = style;
-    r.body = std::move(body);
-    return r;
-  };
+void Presentation::install(ScriptedOrigin& origin) const {
   std::string master = "#EXTM3U\n";
   for (size_t v = 0; v < bandwidths.size(); ++v) {
     const int vi = static_cast<int>(v);
@@ -68,14 +80,13 @@ void Presentation::install(ScriptedOrigin& origin, const Reply& style) const {
               ",RESOLUTION=640x360\n" + url(origin, playlist_path(vi)) + "\n";
     for (int i = 0; i < count; ++i) {
       const uint64_t seq = first_sequence + static_cast<uint64_t>(i);
-      Reply r = reply(segment_bytes(vi, seq, segment_size));
-      r.encrypt_key = key;
-      origin.set(segment_path(vi, seq), r);
+      origin.set(segment_path(vi, seq),
+                 {.body = segment_bytes(vi, seq, segment_size), .encrypt_key = key});
     }
-    origin.set(playlist_path(vi), reply(media_playlist(origin, vi, first_sequence, count)));
+    origin.set(playlist_path(vi), Reply::ok(media_playlist(origin, vi, first_sequence, count)));
   }
-  if (!key.empty()) origin.set("/" + name + "/key", reply(key));
-  origin.set(master_path(), reply(master));
+  if (!key.empty()) origin.set("/" + name + "/key", Reply::ok(key));
+  origin.set(master_path(), Reply::ok(master));
 }
 
 StreamResult fetch_stream(int port, const std::string& master_url,
@@ -89,7 +100,6 @@ StreamResult fetch_stream(int port, const std::string& master_url,
   result.closed = read_until_close(fd, &raw, timeout);
   ::close(fd);
   const size_t end = raw.find("\r\n\r\n");
-  result.head = raw.substr(0, end == std::string::npos ? raw.size() : end + 4);
   if (end != std::string::npos) result.body = raw.substr(end + 4);
   return result;
 }

@@ -9,8 +9,16 @@
 
 #include "support/scripted_origin.h"
 
+namespace skerir {
+class CBuffer;
+}
+
 namespace skerir::test {
 
+// Bytes that differ at every position from `offset` on: a byte lost, repeated or moved shows.
+std::string pattern(uint64_t offset, size_t n);
+// What the buffer holds, taken through its zero-copy reader up to the first block it skips.
+std::string drain(CBuffer& buffer);
 // Deterministic segment bytes: every (variant, sequence) pair gives different bytes.
 std::string segment_bytes(int variant, uint64_t sequence, size_t size);
 // Percent-encodes all but unreserved characters, for the "url" query parameter.
@@ -37,14 +45,13 @@ struct Presentation {
   std::string segment_path(int v, uint64_t seq) const;
   // The media playlist of variant v listing sequences [first, first + n).
   std::string media_playlist(const ScriptedOrigin& origin, int v, uint64_t first, int n) const;
-  // Sets every reply of the presentation on `origin`, each a copy of `style` with its body.
-  void install(ScriptedOrigin& origin, const Reply& style = {}) const;
+  // Sets every reply of the presentation on `origin`.
+  void install(ScriptedOrigin& origin) const;
   std::string url(const ScriptedOrigin& origin, const std::string& path,
                   bool segment = false) const;
 };
 
 struct StreamResult {
-  std::string head;  // the reply header block
   std::string body;
   bool closed = false;  // the server closed the connection before the deadline
 };

@@ -3,9 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -29,56 +27,30 @@ std::string header_value(const std::string& head, std::string name) {
   return head.substr(at, head.find("\r\n", at) - at);
 }
 
-// A server context with a fresh self-signed P-256 certificate for 127.0.0.1, ::1 and
-// localhost, written to `trust_file` when one is given.
-SSL_CTX* make_server_context(const char* name, const char* trust_file) {
-  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
-  std::unique_ptr<X509, decltype(&X509_free)> cert(X509_new(), &X509_free);
-  X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 7 * 86400);
-  X509_set_pubkey(cert.get(), key.get());
-  X509_NAME* subject = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
-  X509_set_issuer_name(cert.get(), subject);
-  X509V3_CTX v3;
-  X509V3_set_ctx_nodb(&v3);
-  X509V3_set_ctx(&v3, cert.get(), cert.get(), nullptr, nullptr, 0);
-  X509_EXTENSION* san =
-      X509V3_EXT_conf_nid(nullptr, &v3, NID_subject_alt_name, "IP:127.0.0.1,IP:::1,DNS:localhost");
-  X509_add_ext(cert.get(), san, -1);
-  X509_EXTENSION_free(san);
-  X509_sign(cert.get(), key.get(), EVP_sha256());
+// A server context with the committed self-signed certificate `name` (tls/<name>.crt, valid
+// for 127.0.0.1, ::1 and localhost until 2120).
+SSL_CTX* make_server_context(const std::string& name) {
+  const std::string base = SKERIR_TEST_CERTS "/" + name;
   SSL_CTX* ctx = SSL_CTX_new(TLS_server_method());
-  if (SSL_CTX_use_certificate(ctx, cert.get()) != 1 || SSL_CTX_use_PrivateKey(ctx, key.get()) != 1)
-    throw std::runtime_error("origin: cannot make a certificate");
+  if (SSL_CTX_use_certificate_file(ctx, (base + ".crt").c_str(), SSL_FILETYPE_PEM) != 1 ||
+      SSL_CTX_use_PrivateKey_file(ctx, (base + ".key").c_str(), SSL_FILETYPE_PEM) != 1)
+    throw std::runtime_error("origin: cannot load " + base);
   SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-  if (trust_file != nullptr) {
-    FILE* f = std::fopen(trust_file, "w");
-    PEM_write_X509(f, cert.get());
-    std::fclose(f);
-  }
   return ctx;
 }
 
 // The two server contexts, made when the test program starts: setenv is only safe before
-// any other thread runs, and the client context reads SSL_CERT_FILE on its first use. The trust
-// file goes when the program ends.
+// any other thread runs, and the client context reads SSL_CERT_FILE on its first use.
 struct ServerContexts {
-  char file[32] = "/tmp/skerir-trust-XXXXXX";
   SSL_CTX* trusted;
   SSL_CTX* untrusted;
   ServerContexts() {
     std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes with write(2), on both sides
-    ::close(::mkstemp(file));
-    trusted = make_server_context("skerir trusted origin", file);
-    untrusted = make_server_context("skerir untrusted origin", nullptr);
-    ::setenv("SSL_CERT_FILE", file, 1);
+    trusted = make_server_context("trusted");
+    untrusted = make_server_context("untrusted");
+    ::setenv("SSL_CERT_FILE", SKERIR_TEST_CERTS "/trusted.crt", 1);
   }
   ~ServerContexts() {
-    ::unlink(file);
     SSL_CTX_free(trusted);
     SSL_CTX_free(untrusted);
   }
@@ -176,7 +148,7 @@ bool respond(const Wire& wire, const std::string& request, const Reply& r) {
   int status = r.status;
   std::string body = r.body, head;
   const std::string range = header_value(request, "range");
-  if (status == 200 && !r.http10 && range.starts_with("bytes=")) {
+  if (status == 200 && range.starts_with("bytes=")) {
     char* end = nullptr;
     const size_t from = std::strtoull(range.c_str() + 6, &end, 10);
     const size_t last = std::min<size_t>(
@@ -200,22 +172,15 @@ bool respond(const Wire& wire, const std::string& request, const Reply& r) {
     head += "Transfer-Encoding: chunked\r\n";
   }
   const uint64_t total = r.length.value_or(body.size());
-  if (!r.http10 && !r.chunked) head += "Content-Length: " + std::to_string(total) + "\r\n";
+  if (!r.chunked) head += "Content-Length: " + std::to_string(total) + "\r\n";
   for (const auto& [name, value] : r.headers) head += name + ": " + value + "\r\n";
-  head = (r.http10 ? "HTTP/1.0 " : "HTTP/1.1 ") + std::to_string(status) +
-         (status < 300 ? " OK\r\n" : " Status\r\n") + head + "\r\n";
-  return send_paced(wire, r, head, body, total) && !r.http10 && !r.close_after &&
+  head = "HTTP/1.1 " + std::to_string(status) + (status < 300 ? " OK\r\n" : " Status\r\n") + head +
+         "\r\n";
+  return send_paced(wire, r, head, body, total) && !r.close_after &&
          header_value(request, "connection") != "close";
 }
 
-}  // namespace
-
-Reply Reply::ok(std::string body) { return Reply{.body = std::move(body)}; }
-Reply Reply::with_status(int code) { return Reply{.status = code}; }
-Reply Reply::redirect(int code, std::string location) {
-  return Reply{.status = code, .body = "moved", .headers = {{"Location", std::move(location)}}};
-}
-
+// AES-128-CBC with a zero IV and PKCS#7 padding, as HLS segments are encrypted.
 std::string aes128_cbc_encrypt(const std::string& plain, const std::string& key) {
   const unsigned char iv[16] = {};
   std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
@@ -230,6 +195,14 @@ std::string aes128_cbc_encrypt(const std::string& plain, const std::string& key)
   EVP_EncryptFinal_ex(ctx.get(), dst + n1, &n2);
   out.resize(static_cast<size_t>(n1 + n2));
   return out;
+}
+
+}  // namespace
+
+Reply Reply::ok(std::string body) { return Reply{.body = std::move(body)}; }
+Reply Reply::with_status(int code) { return Reply{.status = code}; }
+Reply Reply::redirect(int code, std::string location) {
+  return Reply{.status = code, .body = "moved", .headers = {{"Location", std::move(location)}}};
 }
 
 ScriptedOrigin::ScriptedOrigin(bool ipv6, Tls tls) : ipv6_(ipv6), tls_(tls) {
@@ -303,11 +276,6 @@ bool ScriptedOrigin::wait_for_requests(const std::string& path, size_t n,
   });
 }
 
-size_t ScriptedOrigin::connections_accepted() const {
-  std::lock_guard lock(mutex_);
-  return accepted_;
-}
-
 bool ScriptedOrigin::wait_for_no_connections(std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   return changed_.wait_for(lock, timeout, [&] { return open_ == 0; });
@@ -344,7 +312,6 @@ void ScriptedOrigin::serve(int fd, size_t id, bool* done) {
     pending.erase(0, end + 4);
     const size_t sp = rec.head.find(' ');
     rec.target = rec.head.substr(sp + 1, rec.head.find(' ', sp + 1) - sp - 1);
-    rec.host = header_value(rec.head, "host");
     rec.range = header_value(rec.head, "range");
     rec.resumed = ssl && SSL_session_reused(ssl.get());
     {

@@ -1,9 +1,9 @@
 // A scripted HTTP/1.1 origin on loopback (ephemeral port) for tests: each path has a standing
 // reply and optionally a queue of one-shot replies served first, every request is recorded,
 // and replies carry faults (stalls, cuts, throttling, garbage, lying lengths). It listens on
-// 127.0.0.1 or ::1, in plain HTTP or TLS with a self-signed certificate for both addresses
-// made at run time: the trusted one is put in a PEM file that SSL_CERT_FILE names for the
-// whole test process; the untrusted one is in no trust store.
+// 127.0.0.1 or ::1, in plain HTTP or TLS with one of two self-signed certificates in tls/:
+// SSL_CERT_FILE names the trusted one for the whole test process; the untrusted one is in no
+// trust store.
 //
 // Threads: one accept thread and one per connection; public methods are thread-safe and may be
 // called while requests are served. The destructor wakes every stalled connection and joins
@@ -28,7 +28,6 @@ struct Reply {
   int status = 200;
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;  // after the generated ones
-  bool http10 = false;             // "HTTP/1.0" without a length: the body ends at the close
   std::optional<size_t> length;    // announced instead of the body's; the body repeats to fill it
   std::string encrypt_key;         // serve AES-128-CBC(body), zero IV, PKCS#7
   std::optional<std::string> raw;  // sent verbatim instead of a reply, then close
@@ -48,7 +47,7 @@ struct Reply {
 struct RecordedRequest {
   size_t connection = 0;  // number of the connection it came on, from 0
   std::string head;       // the request bytes up to and including the blank line
-  std::string target, host, range;
+  std::string target, range;
   bool resumed = false;  // the TLS session of its connection was resumed
 };
 
@@ -70,7 +69,6 @@ class ScriptedOrigin {
 
   std::vector<RecordedRequest> requests(const std::string& path = "") const;  // "": all
   bool wait_for_requests(const std::string& path, size_t n, std::chrono::milliseconds timeout);
-  size_t connections_accepted() const;
   bool wait_for_no_connections(std::chrono::milliseconds timeout) const;
 
  private:
@@ -93,8 +91,5 @@ class ScriptedOrigin {
   size_t accepted_ = 0, open_ = 0;
   std::thread acceptor_;
 };
-
-// AES-128-CBC with a zero IV and PKCS#7 padding, as HLS segments are encrypted.
-std::string aes128_cbc_encrypt(const std::string& plain, const std::string& key);
 
 }  // namespace skerir::test

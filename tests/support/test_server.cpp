@@ -1,12 +1,17 @@
 #include "support/test_server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <vector>
-
-#include "support/log_capture.h"
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 
 namespace skerir::test {
 
@@ -80,6 +85,117 @@ std::string roundtrip(int port, const std::string& request, std::chrono::millise
   read_until_close(fd, &reply, timeout);
   ::close(fd);
   return reply;
+}
+
+LogCapture& LogCapture::instance() {
+  static LogCapture* capture = [] {
+    auto* c = new LogCapture();  // never destroyed: late log lines must still find it
+    set_log_tap(c);
+    return c;
+  }();
+  return *capture;
+}
+
+void LogCapture::on_line(LogStream stream, std::string_view line) {
+  std::lock_guard lock(mutex_);
+  lines_.emplace_back(stream, line);
+  changed_.notify_all();
+}
+
+void LogCapture::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+std::vector<std::string> LogCapture::lines(LogStream stream) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> out;
+  for (const auto& [s, text] : lines_) {
+    if (s == stream) out.push_back(text);
+  }
+  return out;
+}
+
+size_t LogCapture::count(std::string_view text, bool exact) const {
+  std::lock_guard lock(mutex_);
+  return std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) {
+    return exact ? l.second == text : l.second.find(text) != std::string::npos;
+  });
+}
+
+bool LogCapture::wait_for(std::string_view text, std::chrono::milliseconds timeout, size_t n) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] {
+    lock.unlock();
+    const bool enough = count(text) >= n;
+    lock.lock();
+    return enough;
+  });
+}
+
+namespace {
+
+std::string slurp(const std::string& path) {
+  std::ostringstream s;
+  s << std::ifstream(path).rdbuf();
+  return s.str();
+}
+
+}  // namespace
+
+std::string skerir_binary() { return SKERIR_BINARY; }
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args) {
+  char dir[] = "/tmp/skerir-child.XXXXXX";
+  dir_ = ::mkdtemp(dir);
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 1, (dir_ + "/out").c_str(), O_WRONLY | O_CREAT, 0600);
+  posix_spawn_file_actions_addopen(&files, 2, (dir_ + "/err").c_str(), O_WRONLY | O_CREAT, 0600);
+  if (::posix_spawn(&pid_, program.c_str(), &files, nullptr, argv.data(), environ) != 0) pid_ = -1;
+  posix_spawn_file_actions_destroy(&files);
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) ::kill(pid_, SIGKILL);
+  wait_exit(std::chrono::seconds(30));
+  std::filesystem::remove_all(dir_);
+}
+
+int ChildProcess::wait_exit(std::chrono::milliseconds timeout) {
+  for (auto end = std::chrono::steady_clock::now() + timeout; pid_ > 0;) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      pid_ = -1;
+    } else if (std::chrono::steady_clock::now() >= end) {
+      return -1;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  return status_;
+}
+
+uint64_t ChildProcess::status(const std::string& key) const {
+  std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
+  uint64_t value = 0;
+  for (std::string k; in >> k && k != key;) in.ignore(1 << 20, '\n');
+  in >> value;
+  return value;
+}
+
+std::string ChildProcess::out() const { return slurp(dir_ + "/out"); }
+std::string ChildProcess::err() const { return slurp(dir_ + "/err"); }
+
+bool ChildProcess::wait_for(const std::string& text, bool on_stderr) const {
+  for (int i = 0; i < 600; std::this_thread::sleep_for(std::chrono::milliseconds(50)), ++i) {
+    if ((on_stderr ? err() : out()).find(text) != std::string::npos) return true;
+  }
+  return false;
 }
 
 }  // namespace skerir::test
