@@ -77,6 +77,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 for b in $builds; do
+  echo "== at ${SECONDS}s:"
   case $b in
     normal) echo "== normal build"
             if build build; then run_ctest build; else failed=$((failed + 1)); fi ;;
@@ -92,5 +93,5 @@ for b in $builds; do
   esac
 done
 
-echo "$passed passed, $failed failed"
+echo "$passed passed, $failed failed in ${SECONDS}s"
 [ "$failed" -eq 0 ]

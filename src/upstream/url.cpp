@@ -1,6 +1,7 @@
 #include "upstream/url.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 
 namespace skerir {
@@ -13,11 +14,18 @@ struct UriParts {
   bool has_scheme = false, has_authority = false, has_query = false, has_fragment = false;
 };
 
-// Splits as the regular expression of RFC 3986 appendix B does; every text splits.
+// Splits as the regular expression of RFC 3986 appendix B does, except that a prefix which
+// is not a valid scheme (ALPHA *( ALPHA / DIGIT / "+" / "-" / "." )) stays in the path: a
+// playlist line such as "~x:1/a" is a relative path to a player, not an unknown scheme.
 UriParts split_uri(std::string_view s) {
   UriParts u;
   const size_t colon = s.find_first_of(":/?#");
-  if (colon != std::string_view::npos && colon > 0 && s[colon] == ':') {
+  const auto scheme_char = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
+  };
+  if (colon != std::string_view::npos && colon > 0 && s[colon] == ':' &&
+      std::isalpha(static_cast<unsigned char>(s[0])) &&
+      std::all_of(s.begin(), s.begin() + colon, scheme_char)) {
     u.scheme = s.substr(0, colon);
     u.has_scheme = true;
     s.remove_prefix(colon + 1);

@@ -103,6 +103,7 @@ TEST(UpstreamUrl, ReferencesResolveAsRfc3986Examples) {
       {"g?y/../x", "http://a/b/c/g?y/../x"},
       {"g#s/../x", "http://a/b/c/g#s/../x"},
       {"http:g", "http:g"},
+      {"~x:1/../g", "http://a/b/c/g"},  // not a scheme: a path that holds a colon
   };
 
   for (const auto& [reference, target] : cases) {
