@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -151,12 +151,15 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   std::vector<char*> argv{const_cast<char*>(program.c_str())};
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 1, (dir_ + "/out").c_str(), O_WRONLY | O_CREAT, 0600);
-  posix_spawn_file_actions_addopen(&files, 2, (dir_ + "/err").c_str(), O_WRONLY | O_CREAT, 0600);
-  if (::posix_spawn(&pid_, program.c_str(), &files, nullptr, argv.data(), environ) != 0) pid_ = -1;
-  posix_spawn_file_actions_destroy(&files);
+  const std::string out = dir_ + "/out", err = dir_ + "/err";
+  pid_ = ::fork();
+  if (pid_ == 0) {                       // only async-signal-safe calls until exec
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies leaves no server on its port
+    ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT, 0600), 1);
+    ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT, 0600), 2);
+    ::execv(program.c_str(), argv.data());
+    ::_exit(127);
+  }
 }
 
 ChildProcess::~ChildProcess() {
