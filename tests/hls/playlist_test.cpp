@@ -107,7 +107,7 @@ TEST(MediaPlaylistText, NumbersSegmentsAndCarriesKeysRangesAndTheEnd) {
        {{7, "seg_007.ts", "", "", false}, {8, "seg_008.ts?t=1", "", "", true}}},
       // Keys: URI last or first, an IV, NONE for clear segments, methods skerir cannot play.
       {"#EXTM3U\na\n#EXT-X-KEY:METHOD=AES-128,URI=\"http://k/1\"\nb\n"
-       "#EXT-X-KEY:URI=\"k2,x\",IV=0x000102030405060708090A0b0C0d0E0F,METHOD=AES-128\nc\n"
+       "#EXT-X-KEY:URI=\"k2,x\",IV=0X000102030405060708090A0b0C0d0E0F,METHOD=AES-128\nc\n"
        "#EXT-X-KEY:METHOD=NONE\nd\n#EXT-X-KEY:METHOD=AES-128,IV="
        "0x00010203040506070809000000000000\ne\n"
        "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"k3\"\nf\n#EXT-X-KEY:METHOD=AES-128,URI=\"k4\",IV="

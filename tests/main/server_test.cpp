@@ -87,10 +87,9 @@ TEST(FrontEnd, SilentAndHugeClientsHoldUpNobody) {
   setrlimit(RLIMIT_NOFILE, &lim);
   if (lim.rlim_cur < 1400) GTEST_SKIP() << "descriptor limit too low: " << lim.rlim_cur;
   test::TestServer server;
-  // The server shares this process's descriptor table: with the low thousand taken, every
-  // socket it accepts lies past 1023, where select() would fail. A hundred silent clients sit
-  // on their connections; a megabyte without a line feed is read as request line and headers,
-  // then refused.
+  // With the low thousand descriptors of this process taken, the server's sockets lie past
+  // 1023, where select() would fail. A hundred clients stay silent; a megabyte without a line
+  // feed is read as request line and headers, then refused.
   std::vector<int> held, idle;
   while (held.size() < 1024) held.push_back(::open("/dev/null", O_RDONLY));
   for (int i = 0; i < 100; ++i) idle.push_back(test::connect_loopback(server.port()));

@@ -11,6 +11,7 @@
 #include "resources/resource_streams.h"
 #include "support/presentation.h"
 #include "support/test_server.h"
+#include "util/strings.h"
 
 namespace skerir::test {
 namespace {
@@ -83,12 +84,18 @@ TEST(Metrics, StreamListIsValidJsonAndHidesHeaderValues) {
             "http://o/m.m3u8|User-Agent=…&Cookie=…|X=…&Y");
   auto a = std::make_shared<StreamStatus>();
   a->id = 7;
-  a->url = "http://o/\"q\"\\\x01\xC3\xA9\xFF";  // quote, backslash, control, é, junk
+  // Quote, backslash, control, é, U+40000, junk, overlong, a surrogate: bad bytes become U+FFFD.
+  a->url = "http://o/\"q\"\\\x01\xC3\xA9\xF1\x80\x80\x80\xFF\xF0\x8F\xBF\xBF\xED\xA0\x80";
   a->counters.segment_fetched(2400);
+  std::string replaced;
+  for (int i = 0; i < 8; ++i) replaced += "\\ufffd";
   EXPECT_EQ(ResourceStreams::body({a}),
-            "[\n{\"id\":7,\"client\":\"\",\"url\":\"http://o/\\\"q\\\"\\\\\\u0001\xC3\xA9\\ufffd\","
-            "\"start_time\":0,\"selected_bandwidth\":0,\"bytes_sent\":0,\"buffer_bytes\":0,"
-            "\"last_segment_speed\":2400,\"segments_fetched\":1,\"segments_failed\":0}\n]\n");
+            "[\n{\"id\":7,\"client\":\"\",\"url\":\"http://o/"
+            "\\\"q\\\"\\\\\\u0001\xC3\xA9\xF1\x80\x80\x80" +
+                replaced +
+                "\","
+                "\"start_time\":0,\"selected_bandwidth\":0,\"bytes_sent\":0,\"buffer_bytes\":0,"
+                "\"last_segment_speed\":2400,\"segments_fetched\":1,\"segments_failed\":0}\n]\n");
 }
 
 TEST(Stats, SegmentSpeedsMakeAWeightedAverageUnlessOneDropsBelowHalfTheBandwidth) {

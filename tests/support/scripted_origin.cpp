@@ -314,6 +314,8 @@ void ScriptedOrigin::serve(int fd, size_t id, bool* done) {
     rec.target = rec.head.substr(sp + 1, rec.head.find(' ', sp + 1) - sp - 1);
     rec.range = header_value(rec.head, "range");
     rec.resumed = ssl && SSL_session_reused(ssl.get());
+    const char* sni = ssl ? SSL_get_servername(ssl.get(), TLSEXT_NAMETYPE_host_name) : nullptr;
+    rec.sni = sni != nullptr ? sni : "";
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(rec);

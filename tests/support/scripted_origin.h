@@ -1,14 +1,11 @@
-// A scripted HTTP/1.1 origin on loopback (ephemeral port) for tests: each path has a standing
-// reply and optionally a queue of one-shot replies served first, every request is recorded,
-// and replies carry faults (stalls, cuts, throttling, garbage, lying lengths). It listens on
-// 127.0.0.1 or ::1, in plain HTTP or TLS with one of two self-signed certificates in tls/:
-// SSL_CERT_FILE names the trusted one for the whole test process; the untrusted one is in no
-// trust store.
-//
-// Threads: one accept thread and one per connection; public methods are thread-safe and may be
-// called while requests are served. The destructor wakes every stalled connection and joins
-// all threads. Connections stay open between requests unless the request says
-// "Connection: close" or the reply ends its connection.
+// A scripted HTTP/1.1 origin on loopback (ephemeral port): each path has a standing reply and
+// optionally a queue of one-shot replies served first; every request is recorded; replies
+// carry faults (stalls, cuts, throttling, garbage, lying lengths). It listens on 127.0.0.1 or
+// ::1, plain or TLS with a self-signed certificate in tls/: the trusted one, which
+// SSL_CERT_FILE names for the whole test process, or the untrusted one, in no trust store.
+// Threads: one accept thread and one per connection; public methods are thread-safe. The
+// destructor wakes every stalled connection and joins all threads. Connections stay open
+// unless the request says "Connection: close" or the reply ends its connection.
 #pragma once
 
 #include <chrono>
@@ -49,6 +46,7 @@ struct RecordedRequest {
   std::string head;       // the request bytes up to and including the blank line
   std::string target, range;
   bool resumed = false;  // the TLS session of its connection was resumed
+  std::string sni;       // the server name its TLS client sent; "" for none
 };
 
 enum class Tls { none, trusted, untrusted };

@@ -50,7 +50,7 @@ TEST_F(UpstreamClient, GetJudgesStatusHeadersAndFraming) {
       {{.raw = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort"}, true, "short", 1},
       {{.body = std::string(20000, 'c'), .chunked = true}, true, std::string(20000, 'c'), 1},
       {{.raw = "HTTP/1.1 200\r\ncontent-length: 4\r\n\r\nbody"}, true, "body", 1},
-      {{.raw = "HTTP/1.1 200 OK\r\nX: y\r\n\r\nto the close"}, true, "to the close", 1},
+      {{.raw = "HTTP/1.1 200 OK\r\nBontent-Length: 2\r\n\r\ntill close"}, true, "till close", 1},
       {{.raw = "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: x, Chunked\r\n\r\n5\r\nhello\r\nzz\r\nworld"},
        true,
        "hello",
@@ -97,6 +97,7 @@ TEST_F(UpstreamClient, SegmentsReuseTheConnectionAndRequestsAreExact) {
     EXPECT_EQ(reqs[0].connection + reqs[1].connection + reqs[2].connection + reqs[3].connection,
               2u);
     EXPECT_EQ(reqs[2].resumed, tls == Tls::trusted);  // the new connection resumed the session
+    EXPECT_EQ(reqs[0].sni, "");                       // an address is no server name
     const std::string host = "Host: " + o.authority() + "\r\n";
     EXPECT_EQ(reqs[0].head, "GET /a.ts HTTP/1.1\r\n" + host + "Connection: keep-alive\r\n\r\n");
     EXPECT_EQ(reqs[3].head,
@@ -106,6 +107,11 @@ TEST_F(UpstreamClient, SegmentsReuseTheConnectionAndRequestsAreExact) {
     EXPECT_EQ(LogCapture::instance().count("TLS: "), 0u);
     EXPECT_FALSE(u.sock.valid());
   }
+  ScriptedOrigin o(false, Tls::trusted);  // a name is sent, and checked against the certificate
+  o.set("/n", Reply::ok("N"));
+  std::string text;
+  EXPECT_TRUE(UCurl().get("https://localhost:" + std::to_string(o.port()) + "/n", &text));
+  EXPECT_EQ(o.requests().at(0).sni, "localhost");
 }
 
 // Relative and absolute, http to https and back; a loop ends after five hops like a refusal.
