@@ -50,7 +50,7 @@ TEST_F(UpstreamClient, GetJudgesStatusHeadersAndFraming) {
       {{.raw = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort"}, true, "short", 1},
       {{.body = std::string(20000, 'c'), .chunked = true}, true, std::string(20000, 'c'), 1},
       {{.raw = "HTTP/1.1 200\r\ncontent-length: 4\r\n\r\nbody"}, true, "body", 1},
-      {{.raw = "HTTP/1.1 200 OK\r\nBontent-Length: 2\r\n\r\ntill close"}, true, "till close", 1},
+      {{.raw = "HTTP/1.1 200 OK\r\nBransfer-Encoding: chunked\r\n\r\nrest"}, true, "rest", 1},
       {{.raw = "HTTP/1.1 200 OK\r\nTRANSFER-ENCODING: x, Chunked\r\n\r\n5\r\nhello\r\nzz\r\nworld"},
        true,
        "hello",
