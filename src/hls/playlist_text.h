@@ -40,12 +40,7 @@ inline long number_at(const std::string& line, size_t pos) {
 // `uri` as written when it names a scheme (the absolute URLs most playlists carry), else
 // resolved against `base`, the URL the playlist was fetched from after its redirects.
 inline std::string resolve(const std::string& base, const std::string& uri) {
-  const size_t colon = uri.find(':');
-  const bool absolute =
-      colon != std::string::npos && colon > 0 && std::isalpha(static_cast<unsigned char>(uri[0])) &&
-      uri.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.") ==
-          colon;
-  return absolute || base.empty() ? uri : resolve_url(base, uri);
+  return names_scheme(uri) || base.empty() ? uri : resolve_url(base, uri);
 }
 
 // The value of attribute `name` in an attribute list such as `BANDWIDTH=800000,CODECS="a,b"`:

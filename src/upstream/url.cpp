@@ -15,17 +15,12 @@ struct UriParts {
 };
 
 // Splits as the regular expression of RFC 3986 appendix B does, except that a prefix which
-// is not a valid scheme (ALPHA *( ALPHA / DIGIT / "+" / "-" / "." )) stays in the path: a
-// playlist line such as "~x:1/a" is a relative path to a player, not an unknown scheme.
+// is not a valid scheme stays in the path: a playlist line such as "~x:1/a" is a relative path
+// to a player, not an unknown scheme.
 UriParts split_uri(std::string_view s) {
   UriParts u;
-  const size_t colon = s.find_first_of(":/?#");
-  const auto scheme_char = [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
-  };
-  if (colon != std::string_view::npos && colon > 0 && s[colon] == ':' &&
-      std::isalpha(static_cast<unsigned char>(s[0])) &&
-      std::all_of(s.begin(), s.begin() + colon, scheme_char)) {
+  if (names_scheme(s)) {
+    const size_t colon = s.find(':');
     u.scheme = s.substr(0, colon);
     u.has_scheme = true;
     s.remove_prefix(colon + 1);
@@ -84,6 +79,16 @@ std::string remove_dot_segments(std::string_view in) {
 }
 
 }  // namespace
+
+bool names_scheme(std::string_view reference) {
+  const size_t colon = reference.find_first_of(":/?#");
+  const auto scheme_char = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
+  };
+  return colon != std::string_view::npos && colon > 0 && reference[colon] == ':' &&
+         std::isalpha(static_cast<unsigned char>(reference[0])) &&
+         std::all_of(reference.begin(), reference.begin() + colon, scheme_char);
+}
 
 std::string resolve_url(std::string_view base_text, std::string_view reference) {
   const UriParts r = split_uri(reference);

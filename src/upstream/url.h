@@ -15,6 +15,10 @@ namespace skerir {
 // Example: resolve_url("http://a/b/c/d;p?q", "../g") == "http://a/b/g".
 std::string resolve_url(std::string_view base, std::string_view reference);
 
+// Whether `reference` starts with a scheme and its colon, as "http:" or "g:" do (a letter, then
+// letters, digits, "+", "-" or "."): "~x:1/a" and "/a:b" do not.
+bool names_scheme(std::string_view reference);
+
 // Why `url` must not be requested: it holds a control character (below 0x20, or 0x7F) or a
 // space, either of which could end the request line early and smuggle text into the request.
 // Empty when the URL is safe to put on a request line.
